@@ -1,0 +1,35 @@
+# Flavour-wide compile settings. Both flavours: clang-19, no fp contraction (every
+# fused multiply-add is an explicit fmaf), only quillon_* exported, and __FILE__
+# relative to the source root so fatal messages carry stable paths.
+set(QUILLON_COMMON_FLAGS
+  -ffp-contract=off -fvisibility=hidden -fvisibility-inlines-hidden
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -Wall -Wextra -Wno-unused-parameter -Wno-unused-function -Wno-unused-result)
+
+if(QUILLON_FLAVOUR STREQUAL "hip")
+  # clang's device-side <new> wrapper expects malloc declared first.
+  set(QUILLON_DEVICE_FLAGS -x hip --offload-arch=gfx1151 -nogpulib -nogpuinc -include stdlib.h
+      -D__HIP_PLATFORM_AMD__ -DQUILLON_FLAVOUR_HIP=1)
+  set(QUILLON_HOST_FLAGS -D__HIP_PLATFORM_AMD__ -DQUILLON_FLAVOUR_HIP=1)
+  find_library(AMDHIP64 amdhip64 REQUIRED)
+elseif(QUILLON_FLAVOUR STREQUAL "cpu")
+  # The CPU build runs kernels on x86-64 with FMA, so fmaf is one instruction.
+  set(QUILLON_DEVICE_FLAGS -march=x86-64-v3 -D__HIP_PLATFORM_AMD__ -DQUILLON_FLAVOUR_CPU=1)
+  set(QUILLON_HOST_FLAGS ${QUILLON_DEVICE_FLAGS})
+else()
+  message(FATAL_ERROR "QUILLON_FLAVOUR must be hip or cpu")
+endif()
+
+# Sources with kernels get the device flags; host-only sources stay plain C++
+# (in the hip flavour that skips a device pass).
+function(quillon_sources target)
+  cmake_parse_arguments(Q "" "" "HOST;DEVICE" ${ARGN})
+  target_sources(${target} PRIVATE ${Q_HOST} ${Q_DEVICE})
+  target_compile_options(${target} PRIVATE ${QUILLON_COMMON_FLAGS})
+  foreach(f IN LISTS Q_DEVICE)
+    set_property(SOURCE ${f} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS ${QUILLON_DEVICE_FLAGS})
+  endforeach()
+  foreach(f IN LISTS Q_HOST)
+    set_property(SOURCE ${f} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS ${QUILLON_HOST_FLAGS})
+  endforeach()
+endfunction()

@@ -1,0 +1,72 @@
+// Every exported function: narrow the arguments, call the host entry, return
+// hipGetLastError(). Nothing else happens here.
+#include <cstring>
+
+#include "quillon/quillon.h"
+#include "../device/geometry.h"
+#include "../norm/rmsnorm.h"
+
+using namespace quillon;
+
+namespace {
+int64_t copy_name(const char* name, char* buf, int64_t cap) {
+  const int64_t len = (int64_t)std::strlen(name);
+  if (buf && cap >= 1) {
+    const int64_t n = len < cap - 1 ? len : cap - 1;
+    std::memcpy(buf, name, (size_t)n);
+    buf[n] = '\0';
+  }
+  return len;
+}
+}  // namespace
+
+extern "C" {
+
+/* ---- frame ---- */
+QUILLON_API int32_t quillon_abi_version(void) { return 56; }
+QUILLON_API int32_t quillon_select_geometry(int32_t id) { return select_geometry(id); }
+QUILLON_API int32_t quillon_active_geometry(void) { return active_geometry(); }
+QUILLON_API int64_t quillon_geometry_name(int32_t id, char* buf, int64_t cap) {
+  return copy_name(geometry_name(id), buf, cap);
+}
+QUILLON_API void quillon_model_config(QuillonModelConfig* out) {
+  const int32_t g = active_geometry();
+  switch (g) {
+    case 0: *out = config_of<Qwen36MoeA3B>(); return;
+    case 1: *out = config_of<Qwen3627B>(); return;
+    case 2: *out = config_of<DeepSeekV4Flash>(); return;
+    case 3: *out = config_of<Qwen38FlashNext>(); return;
+    default: QUILLON_GEOMETRY_FAILURE(g);
+  }
+}
+QUILLON_API int64_t quillon_kv_block_sizes(int64_t* out, int64_t cap) {
+  if (out && cap > 0) out[0] = 16;
+  return 1;
+}
+QUILLON_API int32_t quillon_select_draft(const QuillonDraftShape* shape) { return select_draft(shape); }
+QUILLON_API int32_t quillon_active_draft(void) { return active_draft(); }
+QUILLON_API int32_t quillon_draft_count(void) { return 2; }
+QUILLON_API int32_t quillon_draft_shape(int32_t id, QuillonDraftShape* out) { return draft_shape(id, out) ? 0 : 1; }
+QUILLON_API int64_t quillon_draft_name(int32_t id, char* buf, int64_t cap) { return copy_name(draft_name(id), buf, cap); }
+QUILLON_API int64_t quillon_shuffle_bytes(int64_t bytes) { return bytes; }
+QUILLON_API const char* quillon_error_string(hipError_t code) { return hipGetErrorString(code); }
+QUILLON_API hipError_t quillon_synchronize(hipStream_t stream) { return hipStreamSynchronize(stream); }
+
+/* ---- RMSNorm family ---- */
+QUILLON_API hipError_t quillon_rmsnorm(const void* x, const void* weight, void* out, int64_t rows, float eps,
+                                       hipStream_t stream) {
+  rmsnorm(x, nullptr, weight, out, rows, eps, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_rmsnorm_residual(const void* x, void* residual, const void* weight, void* out,
+                                                int64_t rows, float eps, hipStream_t stream) {
+  rmsnorm(x, residual, weight, out, rows, eps, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, void* out, int64_t H, int64_t rows,
+                                            int64_t x_stride, int32_t x_is_fp32, float eps, hipStream_t stream) {
+  dsv4_rmsnorm(x, weight, out, H, rows, x_stride, x_is_fp32 != 0, eps, stream);
+  return hipGetLastError();
+}
+
+}  // extern "C"

@@ -1,0 +1,64 @@
+// The vocabulary every kernel is written in. Kernels reach target-specific
+// behaviour only through this header; it has one implementation per flavour.
+#pragma once
+#include <stdint.h>
+#include <string.h>
+
+namespace quillon::dev {
+// Wave size is a compile-time constant of the target, never queried.
+inline constexpr int kWave = 32;
+}  // namespace quillon::dev
+
+#if defined(QUILLON_FLAVOUR_HIP)
+#include "device_hip.h"
+#elif defined(QUILLON_FLAVOUR_CPU)
+#include "device_cpu.h"
+#else
+#error "define QUILLON_FLAVOUR_HIP or QUILLON_FLAVOUR_CPU"
+#endif
+
+namespace quillon::dev {
+
+// Fragments of v_wmma_f32_16x16x16_bf16: lane l holds row l%16 of A (column
+// l%16 of B) as 16 bf16 in 8 registers; lanes 16..31 duplicate lanes 0..15.
+// Accumulator register i of lane l holds row 2i + l/16, column l%16.
+using bf16x16 = wmma_bf16x16_t;
+using f32x8 = wmma_f32x8_t;
+using u32x4 = bl_u32x4;
+using u32x2 = bl_u32x2;
+
+QDEV f32x8 wmma_bf16(bf16x16 a, bf16x16 b, f32x8 c) { return wmma_bf16_raw(a, b, c); }
+
+QDEV uint32_t lane_id() { return threadIdx.x & (kWave - 1); }
+QHD uint32_t f2u(float f) { return __builtin_bit_cast(uint32_t, f); }
+QHD float u2f(uint32_t u) { return __builtin_bit_cast(float, u); }
+
+QDEV float shfl_xor_f(float v, int mask, int width = kWave) { return u2f(shfl_xor(f2u(v), mask, width)); }
+QDEV float bpermute_f(int lane, float v) { return u2f(bpermute(lane, f2u(v))); }
+QDEV float readlane_f(float v, int lane) { return u2f(readlane(f2u(v), lane)); }
+
+// Reciprocal square root with denormal care: inputs below 2^-126 are scaled
+// by 2^24 and the result by 2^12, so the instruction never sees a denormal.
+QDEV float rsq_care(float m) {
+  if (m < 1.17549435e-38f) return rsq(m * 16777216.0f) * 4096.0f;
+  return rsq(m);
+}
+
+// Transcendentals without a hardware instruction, written once over exp2 so
+// both flavours run the same arithmetic.
+QDEV float tanh(float x) {
+  float ax = x < 0.0f ? -x : x;
+  if (ax > 9.0f) return x < 0.0f ? -1.0f : 1.0f;
+  float e = exp2(-2.0f * 1.4426950408889634f * ax);  // e^{-2|x|}
+  float t = (1.0f - e) / (1.0f + e);
+  return x < 0.0f ? -t : t;
+}
+// erf after Abramowitz and Stegun 7.1.26 refined: |error| below 2e-7.
+QDEV float erf(float x) {
+  float ax = x < 0.0f ? -x : x;
+  float t = 1.0f / __builtin_fmaf(0.3275911f, ax, 1.0f);
+  float p = __builtin_fmaf(__builtin_fmaf(__builtin_fmaf(__builtin_fmaf(1.061405429f, t, -1.453152027f), t, 1.421413741f), t, -0.284496736f), t, 0.254829592f);
+  float y = 1.0f - p * t * exp2(-ax * ax * 1.4426950408889634f);
+  return x < 0.0f ? -y : y;
+}
+}  // namespace quillon::dev
