@@ -5,6 +5,10 @@
 #include "quillon/quillon.h"
 #include "../device/geometry.h"
 #include "../norm/rmsnorm.h"
+#include "../device/gather_embedding.h"
+#include "../sampling/topk_topp.h"
+#include "../sampling/multinomial.h"
+#include "../gemm/kquant_shuffle.h"
 
 using namespace quillon;
 
@@ -52,6 +56,22 @@ QUILLON_API int64_t quillon_shuffle_bytes(int64_t bytes) { return bytes; }
 QUILLON_API const char* quillon_error_string(hipError_t code) { return hipGetErrorString(code); }
 QUILLON_API hipError_t quillon_synchronize(hipStream_t stream) { return hipStreamSynchronize(stream); }
 
+/* ---- weight formats ---- */
+QUILLON_API int64_t quillon_kquant_gguf_bytes(int32_t format, int64_t N, int64_t K) {
+  return kquant_gguf_bytes(format, N, K);
+}
+QUILLON_API int64_t quillon_kquant_quant_bytes(int32_t format, int64_t N, int64_t K) {
+  return kquant_quant_bytes(format, N, K);
+}
+QUILLON_API int64_t quillon_kquant_meta_bytes(int32_t format, int64_t N, int64_t K) {
+  return kquant_meta_bytes(format, N, K);
+}
+QUILLON_API hipError_t quillon_proj_scale_shuffle_fp8(const void* src, void* dst, int64_t N, int64_t K,
+                                                      hipStream_t stream) {
+  proj_scale_shuffle_fp8(src, dst, N, K, stream);
+  return hipGetLastError();
+}
+
 /* ---- RMSNorm family ---- */
 QUILLON_API hipError_t quillon_rmsnorm(const void* x, const void* weight, void* out, int64_t rows, float eps,
                                        hipStream_t stream) {
@@ -68,5 +88,37 @@ QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, v
   dsv4_rmsnorm(x, weight, out, H, rows, x_stride, x_is_fp32 != 0, eps, stream);
   return hipGetLastError();
 }
+
+/* ---- embedding gather ---- */
+QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* table, void* out, int64_t n,
+                                                hipStream_t stream) {
+  gather_embedding(ids, table, out, n, stream);
+  return hipGetLastError();
+}
+
+/* ---- sampling ---- */
+QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
+                                                const float* temperature, hipStream_t stream) {
+  sampling_softmax(logits, probs, rows, V, temperature, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_sampling_topk_topp(const float* probs, float* cand_probs, int64_t* cand_ids,
+                                                  int64_t rows, int64_t V, int64_t K, const int32_t* top_k,
+                                                  const float* top_p, hipStream_t stream) {
+  sampling_topk_topp(probs, cand_probs, cand_ids, rows, V, K, top_k, top_p, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_sampling_multinomial(const float* cand_probs, const int64_t* cand_ids,
+                                                    const float* uniform, int64_t* out_ids, int64_t rows, int64_t K,
+                                                    hipStream_t stream) {
+  sampling_multinomial(cand_probs, cand_ids, uniform, out_ids, rows, K, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_sampling_argmax(const float* logits, int64_t* out_ids, int64_t rows, int64_t V,
+                                               hipStream_t stream) {
+  sampling_argmax(logits, out_ids, rows, V, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_sampling_max_k(void) { return kSamplingMaxK; }
 
 }  // extern "C"

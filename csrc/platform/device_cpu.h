@@ -21,6 +21,8 @@
 #define __shared__ static thread_local
 #define __launch_bounds__(n)
 #define __forceinline__ inline __attribute__((always_inline))
+#undef QDEV
+#undef QHD
 #define QDEV __forceinline__
 #define QHD __forceinline__
 
@@ -91,6 +93,11 @@ template <class T> QDEV T atomic_max_global(T* p, T v) {
   return cur;
 }
 template <class T> QDEV T atomic_max_lds(T* p, T v) { return atomic_max_global(p, v); }
+template <class T> QDEV T atomic_min_lds(T* p, T v) {
+  T cur = __atomic_load_n(p, __ATOMIC_RELAXED);
+  while (cur > v && !__atomic_compare_exchange_n(p, &cur, v, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {}
+  return cur;
+}
 template <class T> QDEV T atomic_cas_global(T* p, T expected, T desired) {
   __atomic_compare_exchange_n(p, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
   return expected;

@@ -1,5 +1,7 @@
 // gfx1151 implementation of the device layer (clang-19, -nogpuinc).
 #pragma once
+// Kernel stubs are emitted as calls to hipLaunchKernel, so it must be declared.
+#include <hip/hip_runtime_api.h>
 
 #undef __global__
 #undef __device__
@@ -15,6 +17,8 @@
 #define __constant__ __attribute__((constant))
 #define __launch_bounds__(n) __attribute__((amdgpu_flat_work_group_size(1, n)))
 #define __forceinline__ inline __attribute__((always_inline))
+#undef QDEV
+#undef QHD
 #define QDEV __device__ __forceinline__
 #define QHD __host__ __device__ __forceinline__
 
@@ -96,6 +100,7 @@ template <class T> QDEV T atomic_add_global(T* p, T v) { return __hip_atomic_fet
 template <class T> QDEV T atomic_add_lds(T* p, T v) { return __hip_atomic_fetch_add(p, v, __ATOMIC_RELAXED, __HIP_MEMORY_SCOPE_WORKGROUP); }
 template <class T> QDEV T atomic_max_global(T* p, T v) { return __hip_atomic_fetch_max(p, v, __ATOMIC_RELAXED, __HIP_MEMORY_SCOPE_AGENT); }
 template <class T> QDEV T atomic_max_lds(T* p, T v) { return __hip_atomic_fetch_max(p, v, __ATOMIC_RELAXED, __HIP_MEMORY_SCOPE_WORKGROUP); }
+template <class T> QDEV T atomic_min_lds(T* p, T v) { return __hip_atomic_fetch_min(p, v, __ATOMIC_RELAXED, __HIP_MEMORY_SCOPE_WORKGROUP); }
 template <class T> QDEV T atomic_cas_global(T* p, T expected, T desired) {
   __hip_atomic_compare_exchange_strong(p, &expected, desired, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED, __HIP_MEMORY_SCOPE_AGENT);
   return expected;

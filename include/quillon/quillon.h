@@ -99,6 +99,18 @@ QUILLON_API int64_t quillon_shuffle_bytes(int64_t bytes);
 QUILLON_API const char* quillon_error_string(hipError_t code);
 QUILLON_API hipError_t quillon_synchronize(hipStream_t stream);
 
+/* ---- weight formats ---- */
+/* Bytes of an N x K k-quant tensor: its GGUF source, its quant plane (codes
+ * plus 4 bytes of slack) and its meta plane. Format ids: 2 Q2_K, 3 Q3_K, 4 Q4_K,
+ * 5 Q5_K, 6 Q6_K, 8 Q8_0, 20 IQ4_NL, 23 IQ4_XS. */
+QUILLON_API int64_t quillon_kquant_gguf_bytes(int32_t format, int64_t N, int64_t K);
+QUILLON_API int64_t quillon_kquant_quant_bytes(int32_t format, int64_t N, int64_t K);
+QUILLON_API int64_t quillon_kquant_meta_bytes(int32_t format, int64_t N, int64_t K);
+/* Transposes an fp8 weight's [N/128][K/128] bf16 block-scale table to
+ * [K/128][N/128]. */
+QUILLON_API hipError_t quillon_proj_scale_shuffle_fp8(const void* src, void* dst, int64_t N, int64_t K,
+                                                      hipStream_t stream);
+
 /* ---- RMSNorm family ---- */
 QUILLON_API hipError_t quillon_rmsnorm(const void* x, const void* weight, void* out, int64_t rows, float eps,
                                        hipStream_t stream);
@@ -106,6 +118,23 @@ QUILLON_API hipError_t quillon_rmsnorm_residual(const void* x, void* residual, c
                                                 int64_t rows, float eps, hipStream_t stream);
 QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, void* out, int64_t H, int64_t rows,
                                             int64_t x_stride, int32_t x_is_fp32, float eps, hipStream_t stream);
+
+/* ---- embedding gather ---- */
+QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* table, void* out, int64_t n,
+                                                hipStream_t stream);
+
+/* ---- sampling ---- */
+QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
+                                                const float* temperature, hipStream_t stream);
+QUILLON_API hipError_t quillon_sampling_topk_topp(const float* probs, float* cand_probs, int64_t* cand_ids,
+                                                  int64_t rows, int64_t V, int64_t K, const int32_t* top_k,
+                                                  const float* top_p, hipStream_t stream);
+QUILLON_API hipError_t quillon_sampling_multinomial(const float* cand_probs, const int64_t* cand_ids,
+                                                    const float* uniform, int64_t* out_ids, int64_t rows, int64_t K,
+                                                    hipStream_t stream);
+QUILLON_API hipError_t quillon_sampling_argmax(const float* logits, int64_t* out_ids, int64_t rows, int64_t V,
+                                               hipStream_t stream);
+QUILLON_API int64_t quillon_sampling_max_k(void);
 
 #ifdef __cplusplus
 }

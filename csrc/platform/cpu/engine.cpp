@@ -246,20 +246,23 @@ void complete_wave(Block& B, int wi) {
       for (int l = 16; l < 32; ++l)
         if (std::memcmp(w.a[l], w.a[l - 16], 32) || std::memcmp(w.b[l], w.b[l - 16], 32))
           die("wmma: lane %d carries operands that differ from lane %d; lanes 16..31 must duplicate 0..15", l, l - 16);
-      float A[16][16], Bm[16][16];
+      // Column-wise accumulation keeps 16 independent fma chains (vectorised);
+      // each element still sums k = 0..15 in order from zero.
+      float A[16][16], Bt[16][16];
       for (int r = 0; r < 16; ++r)
         for (int k = 0; k < 16; ++k) {
-          uint32_t ua = (uint32_t)w.a[r][k] << 16, ub = (uint32_t)w.b[r][k] << 16;
-          std::memcpy(&A[r][k], &ua, 4);
-          std::memcpy(&Bm[r][k], &ub, 4);
+          A[r][k] = __builtin_bit_cast(float, (uint32_t)w.a[r][k] << 16);
+          Bt[k][r] = __builtin_bit_cast(float, (uint32_t)w.b[r][k] << 16);
         }
       float D[16][16];
-      for (int r = 0; r < 16; ++r)
-        for (int c = 0; c < 16; ++c) {
-          float s = 0.0f;
-          for (int k = 0; k < 16; ++k) s = __builtin_fmaf(A[r][k], Bm[c][k], s);
-          D[r][c] = s;
+      for (int r = 0; r < 16; ++r) {
+        float acc[16] = {};
+        for (int k = 0; k < 16; ++k) {
+          const float a = A[r][k];
+          for (int c = 0; c < 16; ++c) acc[c] = __builtin_fmaf(a, Bt[k][c], acc[c]);
         }
+        for (int c = 0; c < 16; ++c) D[r][c] = acc[c];
+      }
       for (int l = 0; l < 32; ++l)
         for (int i = 0; i < 8; ++i) w.c[l][i] = w.c[l][i] + D[2 * i + l / 16][l % 16];
       g_wmma_count.fetch_add(1, std::memory_order_relaxed);

@@ -112,7 +112,7 @@ QCPU_EXPORT const char* hipGetErrorString(hipError_t e) {
     case hipErrorInvalidResourceHandle: return "invalid resource handle";
     case hipErrorNotReady: return "device not ready";
     case hipErrorLaunchFailure: return "unspecified launch failure";
-    case hipErrorNoDevice: return "no ROCm-capable device is detected";
+    case hipErrorNoDevice: return "no HIP-capable device is detected";
     default: return "unknown error";
   }
 }

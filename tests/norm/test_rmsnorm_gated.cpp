@@ -1,0 +1,131 @@
+// Gated norm of the linear-attention output, row-major and into a blk32 panel.
+#include "norm/norm_util.h"
+#include "norm/rmsnorm.h"
+#include "quillon/quillon.h"
+
+namespace {
+
+struct GatedGeo {
+  int id, heads;
+  bool sigmoid;
+};
+const GatedGeo kGeos[] = {{0, 32, false}, {1, 48, false}, {3, 48, true}};
+
+struct Inputs {
+  std::vector<uint16_t> x, gate, w;
+  int64_t gate_stride;
+};
+
+// Gate rows are wider than the value width (they sit inside a projection row);
+// the gap holds NaN, which must never be read.
+Inputs make_inputs(qt::Rng& rng, int64_t rows, int heads, int64_t gate_stride) {
+  Inputs in;
+  const int64_t width = heads * 128;
+  in.x = nt::spread_bf16s(rng, (size_t)(rows * width));
+  in.gate = rng.bf16s((size_t)(rows * gate_stride), -6.f, 6.f);
+  for (int64_t r = 0; r < rows; ++r)
+    for (int64_t i = width; i < gate_stride; ++i) in.gate[(size_t)(r * gate_stride + i)] = 0x7FC0;
+  in.w = rng.bf16s(128, -2.f, 2.f);
+  in.gate_stride = gate_stride;
+  return in;
+}
+
+TEST(RmsNormGated, RowMajorEveryGeometry) {
+  qt::Rng rng(31);
+  for (const GatedGeo& g : kGeos) {
+    ASSERT_EQ(quillon_select_geometry(g.id), 0);
+    const int64_t width = g.heads * 128;
+    for (int64_t rows : {1, 17})
+      for (int64_t gate_stride : {width, width + 64}) {
+        SCOPED_TRACE(testing::Message() << "geometry " << g.id << " rows " << rows << " gate_stride " << gate_stride);
+        Inputs in = make_inputs(rng, rows, g.heads, gate_stride);
+        nt::sensitise_gate(in.x, in.gate, gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
+        if (g.sigmoid) {
+          // Very negative gates: the sigmoid underflows to 0 and the result is a zero with y's sign.
+          for (int i = 0; i < 128; i += 3) in.gate[(size_t)(i + 128)] = qt::to_bf(-200.f - (float)i);
+        }
+        auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
+        qt::DevBuf dout((size_t)(rows * width) * 2);
+        quillon::rmsnorm_gated(dx.get(), dg.get(), gate_stride, dw.get(), dout.get(), rows, 1e-6f, nullptr);
+        nt::sync_ok();
+        const auto want = ref::gated_rows(in.x, in.gate, gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
+        const auto got = dout.download<uint16_t>();
+        EXPECT_BITS_EQ(got, want);
+        EXPECT_TRUE(dout.guards_intact());
+        if (g.sigmoid)
+          for (int i = 0; i < 128; i += 3) {
+            const bool y_negative = (ref::widen(in.x[(size_t)(i + 128)]) < 0) != (ref::widen(in.w[i]) < 0);
+            ASSERT_EQ(got[(size_t)(i + 128)], y_negative ? 0x8000 : 0x0000) << "element " << i;
+          }
+      }
+  }
+}
+
+TEST(RmsNormGated, InPlaceAndNoRows) {
+  qt::Rng rng(32);
+  ASSERT_EQ(quillon_select_geometry(1), 0);
+  Inputs in = make_inputs(rng, 3, 48, 16512);
+  auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
+  quillon::rmsnorm_gated(dx.get(), dg.get(), in.gate_stride, dw.get(), dx.get(), 3, 1e-6f, nullptr);
+  nt::sync_ok();
+  EXPECT_BITS_EQ(dx.download<uint16_t>(), ref::gated_rows(in.x, in.gate, in.gate_stride, in.w, 3, 48, false, 1e-6f));
+
+  qt::DevBuf dout(64 * 48 * 128 * 2);
+  quillon::rmsnorm_gated(nullptr, nullptr, 6144, nullptr, dout.get(), 0, 1e-6f, nullptr);
+  quillon::rmsnorm_gated_shuffled(nullptr, nullptr, 6144, nullptr, dout.get(), 0, 64, 1e-6f, nullptr);
+  nt::sync_ok();
+  for (uint16_t v : dout.download<uint16_t>()) ASSERT_EQ(v, 0xFFFF);
+}
+
+TEST(RmsNormGatedShuffled, PanelEveryGeometry) {
+  qt::Rng rng(33);
+  for (const GatedGeo& g : kGeos) {
+    ASSERT_EQ(quillon_select_geometry(g.id), 0);
+    const int64_t width = g.heads * 128;
+    std::vector<std::pair<int64_t, int64_t>> shapes = {{5, 32}};
+    if (g.id == 0) shapes.push_back({33, 64});
+    for (auto [rows, padded] : shapes) {
+      SCOPED_TRACE(testing::Message() << "geometry " << g.id << " rows " << rows << " padded " << padded);
+      Inputs in = make_inputs(rng, rows, g.heads, width + 128);
+      nt::sensitise_gate(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
+      if (g.sigmoid)
+        for (int i = 0; i < 64; ++i) in.gate[(size_t)(i * 2)] = qt::to_bf(-1000.f);
+      auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
+      qt::DevBuf dout((size_t)(padded * width) * 2);
+      quillon::rmsnorm_gated_shuffled(dx.get(), dg.get(), in.gate_stride, dw.get(), dout.get(), rows, padded, 1e-6f,
+                                      nullptr);
+      nt::sync_ok();
+      const auto rowmajor = ref::gated_rows(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
+      EXPECT_BITS_EQ(dout.download<uint16_t>(), ref::to_blk32(rowmajor, rows, padded, width));
+      EXPECT_TRUE(dout.guards_intact());
+    }
+  }
+}
+
+TEST(RmsNormGatedDeathTest, Contracts) {
+  ASSERT_EQ(quillon_select_geometry(0), 0);
+  qt::DevBuf a(64), b(64);
+  EXPECT_QUILLON_FATAL(quillon::rmsnorm_gated(a.get(), a.get(), 4000, a.get(), b.get(), 1, 1e-6f, nullptr),
+                       "gate_stride must span the value dim (got 4000, need >= 4096)");
+  EXPECT_QUILLON_FATAL(
+      quillon::rmsnorm_gated_shuffled(a.get(), a.get(), 4095, a.get(), b.get(), 1, 32, 1e-6f, nullptr),
+      "gate_stride must span the value dim (got 4095, need >= 4096)");
+  EXPECT_QUILLON_FATAL(
+      quillon::rmsnorm_gated_shuffled(a.get(), a.get(), 4096, a.get(), b.get(), 1, 40, 1e-6f, nullptr),
+      "the shuffled store needs a whole 32-row block, got 40");
+  EXPECT_QUILLON_FATAL(
+      quillon::rmsnorm_gated_shuffled(a.get(), a.get(), 4096, a.get(), a.get(), 1, 32, 1e-6f, nullptr),
+      "the shuffled store cannot run in place");
+  ASSERT_EQ(quillon_select_geometry(1), 0);
+  EXPECT_QUILLON_FATAL(quillon::rmsnorm_gated(a.get(), a.get(), 4096, a.get(), b.get(), 1, 1e-6f, nullptr),
+                       "gate_stride must span the value dim (got 4096, need >= 6144)");
+  ASSERT_EQ(quillon_select_geometry(2), 0);
+  const char* two =
+      "geometry 2 does not carry this op; it belongs to a model family this build instantiates for other ids "
+      "(see quillon_geometry_name)";
+  EXPECT_QUILLON_FATAL(quillon::rmsnorm_gated(a.get(), a.get(), 1 << 20, a.get(), b.get(), 1, 1e-6f, nullptr), two);
+  EXPECT_QUILLON_FATAL(
+      quillon::rmsnorm_gated_shuffled(a.get(), a.get(), 1 << 20, a.get(), b.get(), 1, 32, 1e-6f, nullptr), two);
+}
+
+}  // namespace

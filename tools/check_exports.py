@@ -1,0 +1,34 @@
+#!/usr/bin/env python3
+"""The public header's declarations and a built library's exports must agree."""
+import re
+import subprocess
+import sys
+
+
+def declared(header):
+    text = open(header).read()
+    return set(re.findall(r"QUILLON_API\s+[^;(]*?\b(quillon_\w+)\s*\(", text))
+
+
+def exported(lib):
+    out = subprocess.run(["nm", "-D", "--defined-only", lib], capture_output=True, text=True, check=True).stdout
+    return {l.split()[-1] for l in out.splitlines() if l.strip()}
+
+
+def main():
+    header, lib = sys.argv[1], sys.argv[2]
+    d, e = declared(header), exported(lib)
+    stray = sorted(x for x in e if not x.startswith("quillon_"))
+    missing, undeclared = sorted(d - e), sorted(x for x in e - d if x.startswith("quillon_"))
+    for name in missing:
+        print("declared but not exported:", name)
+    for name in undeclared:
+        print("exported but not declared:", name)
+    for name in stray:
+        print("exported outside quillon_*:", name)
+    print("check_exports: %d declared, %d exported" % (len(d), len(e)))
+    return 1 if missing or undeclared or stray else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
