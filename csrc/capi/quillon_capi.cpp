@@ -9,6 +9,7 @@
 #include "../sampling/topk_topp.h"
 #include "../sampling/multinomial.h"
 #include "../gemm/kquant_shuffle.h"
+#include "../gemm/gemm_entries.h"
 
 using namespace quillon;
 
@@ -72,6 +73,37 @@ QUILLON_API hipError_t quillon_proj_scale_shuffle_fp8(const void* src, void* dst
   return hipGetLastError();
 }
 
+/* ---- general GEMM ---- */
+QUILLON_API hipError_t quillon_gemm_bf16_shuffle_b(const void* src, void* dst, int64_t N, int64_t K,
+                                                   hipStream_t stream) {
+  gemm_bf16_shuffle_b(src, dst, N, K, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_gemm_bf16_a_ws_bytes(int64_t M, int64_t K) { return gemm_bf16_a_ws_bytes(M, K); }
+QUILLON_API hipError_t quillon_gemm_bf16_a(const void* A, const void* B, void* C, int64_t M, int64_t N, int64_t K,
+                                           int32_t out_bf16, void* ws, hipStream_t stream) {
+  gemm_bf16_a(A, B, C, M, N, K, out_bf16 != 0, ws, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_gemm_bf16_a2(const void* A, const void* B1, const void* B2, void* C1, void* C2,
+                                            int64_t M, int64_t N1, int64_t N2, int64_t K, int32_t out_bf16, void* ws,
+                                            hipStream_t stream) {
+  gemm_bf16_a2(A, B1, B2, C1, C2, M, N1, N2, K, out_bf16 != 0, ws, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_gemm_kquant_shuffle_b(int32_t format, const void* src, void* quant, void* meta,
+                                                     int64_t N, int64_t K, hipStream_t stream) {
+  gemm_kquant_shuffle_b(format, src, quant, meta, N, K, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_gemm_kquant_a_ws_bytes(int64_t M, int64_t K) { return gemm_kquant_a_ws_bytes(M, K); }
+QUILLON_API hipError_t quillon_gemm_kquant_a(int32_t format, const void* A, const void* quant, const void* meta,
+                                             void* C, int64_t M, int64_t N, int64_t K, int32_t out_bf16, void* ws,
+                                             hipStream_t stream) {
+  gemm_kquant_a(format, A, quant, meta, C, M, N, K, out_bf16 != 0, ws, stream);
+  return hipGetLastError();
+}
+
 /* ---- RMSNorm family ---- */
 QUILLON_API hipError_t quillon_rmsnorm(const void* x, const void* weight, void* out, int64_t rows, float eps,
                                        hipStream_t stream) {
@@ -95,6 +127,8 @@ QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* 
   gather_embedding(ids, table, out, n, stream);
   return hipGetLastError();
 }
+
+/* ---- LM head ---- */
 
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,

@@ -20,6 +20,7 @@
 // exactly the workgroup's LDS.
 #define __shared__ static thread_local
 #define __launch_bounds__(n)
+#define QUILLON_WAVES_PER_SIMD(lo, hi)
 #define __forceinline__ inline __attribute__((always_inline))
 #undef QDEV
 #undef QHD

@@ -16,6 +16,8 @@
 #define __shared__ __attribute__((shared))
 #define __constant__ __attribute__((constant))
 #define __launch_bounds__(n) __attribute__((amdgpu_flat_work_group_size(1, n)))
+// Register budget: the compiler plans for lo to hi waves of the kernel per SIMD.
+#define QUILLON_WAVES_PER_SIMD(lo, hi) __attribute__((amdgpu_waves_per_eu(lo, hi)))
 #define __forceinline__ inline __attribute__((always_inline))
 #undef QDEV
 #undef QHD

@@ -111,6 +111,28 @@ QUILLON_API int64_t quillon_kquant_meta_bytes(int32_t format, int64_t N, int64_t
 QUILLON_API hipError_t quillon_proj_scale_shuffle_fp8(const void* src, void* dst, int64_t N, int64_t K,
                                                       hipStream_t stream);
 
+/* ---- general GEMM ---- */
+/* C[M, N] = A[M, K] * B[N, K]^T with M, N, K at run time: N a multiple of 128,
+ * K of 32. A is row-major bf16 (row stride K); B is a weight shuffled by
+ * quillon_gemm_bf16_shuffle_b or quillon_gemm_kquant_shuffle_b at the same N
+ * and K. out_bf16 non-zero makes C bf16, zero fp32. ws is sized by the
+ * matching _ws_bytes function. */
+QUILLON_API hipError_t quillon_gemm_bf16_shuffle_b(const void* src, void* dst, int64_t N, int64_t K,
+                                                   hipStream_t stream);
+QUILLON_API int64_t quillon_gemm_bf16_a_ws_bytes(int64_t M, int64_t K);
+QUILLON_API hipError_t quillon_gemm_bf16_a(const void* A, const void* B, void* C, int64_t M, int64_t N, int64_t K,
+                                           int32_t out_bf16, void* ws, hipStream_t stream);
+/* Two products over the same A, in order: C1 = A * B1^T, C2 = A * B2^T. */
+QUILLON_API hipError_t quillon_gemm_bf16_a2(const void* A, const void* B1, const void* B2, void* C1, void* C2,
+                                            int64_t M, int64_t N1, int64_t N2, int64_t K, int32_t out_bf16, void* ws,
+                                            hipStream_t stream);
+QUILLON_API hipError_t quillon_gemm_kquant_shuffle_b(int32_t format, const void* src, void* quant, void* meta,
+                                                     int64_t N, int64_t K, hipStream_t stream);
+QUILLON_API int64_t quillon_gemm_kquant_a_ws_bytes(int64_t M, int64_t K);
+QUILLON_API hipError_t quillon_gemm_kquant_a(int32_t format, const void* A, const void* quant, const void* meta,
+                                             void* C, int64_t M, int64_t N, int64_t K, int32_t out_bf16, void* ws,
+                                             hipStream_t stream);
+
 /* ---- RMSNorm family ---- */
 QUILLON_API hipError_t quillon_rmsnorm(const void* x, const void* weight, void* out, int64_t rows, float eps,
                                        hipStream_t stream);

@@ -3,6 +3,7 @@
 // a = f32(d) * f32(scale), b the offset term, w = fma(level, a, b), bf16 by
 // adding 0x8000. Plain per-weight formulas, no word tricks, no library code.
 #pragma once
+#include "ref_bits.h"
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -22,18 +23,8 @@ inline float f16(uint16_t h) {
   else v = std::ldexp((float)(1024 + m), e - 25);
   return s ? -v : v;
 }
-inline uint32_t bits(float f) {
-  uint32_t u;
-  std::memcpy(&u, &f, 4);
-  return u;
-}
-inline float from_bits(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
-inline uint16_t round_dequant(float w) { return (uint16_t)((bits(w) + 0x8000u) >> 16); }
-inline float bf16f(uint16_t h) { return from_bits((uint32_t)h << 16); }
+inline uint16_t round_dequant(float w) { return (uint16_t)((to_bits(w) + 0x8000u) >> 16); }
+inline float bf16f(uint16_t h) { return widen(h); }
 
 // ---- k-quants ----------------------------------------------------------------------
 struct KFormat {

@@ -7,19 +7,10 @@
 #include <cstring>
 #include <vector>
 
+#include "ref_bits.h"
+
 namespace ref {
 
-inline float from_bits(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
-inline uint32_t to_bits(float f) {
-  uint32_t u;
-  std::memcpy(&u, &f, 4);
-  return u;
-}
-inline float widen(uint16_t h) { return from_bits((uint32_t)h << 16); }
 // Nearest even on the bits; a NaN goes wherever the addition takes it.
 inline uint16_t round_bf16(float f) {
   const uint32_t u = to_bits(f);
