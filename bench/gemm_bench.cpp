@@ -111,6 +111,97 @@ double time_case(const Case& c) {
   return t[t.size() / 2];
 }
 
+// ---- LM head ---------------------------------------------------------------------------
+// Decode streams the whole head once: weight (or planes), x, and fp32 logits;
+// the row tile of 16 or 32 rows sets the matrix work issued.
+struct HeadCase {
+  int32_t geometry;
+  int format;  // -1: bf16
+  int64_t M;
+};
+
+Model head_model(const HeadCase& c, int64_t N, int64_t K) {
+  Model m{};
+  const double weights = c.format < 0 ? 2.0 * N * K
+                                      : (double)quillon_lm_head_kquant_quant_bytes(c.format) +
+                                            (double)quillon_lm_head_kquant_meta_bytes(c.format);
+  const int64_t rows = c.M <= 16 ? 16 : (c.M + 31) / 32 * 32;
+  m.bytes = weights + 2.0 * c.M * K + 4.0 * c.M * N;
+  m.flops = 2.0 * c.M * N * K;
+  m.issued = 2.0 * rows * N * K;
+  m.seconds = std::max(m.bytes / kBandwidth, m.issued / kMatrixRate);
+  m.S = 1;
+  return m;
+}
+
+double time_head(const HeadCase& c, int64_t N, int64_t K) {
+  void *x = nullptr, *src = nullptr, *w = nullptr, *meta = nullptr, *logits = nullptr;
+  const size_t sbytes = c.format < 0 ? (size_t)(N * K * 2) : (size_t)quillon_lm_head_kquant_gguf_bytes(c.format);
+  const size_t wbytes = c.format < 0 ? sbytes : (size_t)quillon_lm_head_kquant_quant_bytes(c.format);
+  if (hipMalloc(&x, (size_t)(c.M * K * 2)) != hipSuccess || hipMalloc(&src, sbytes) != hipSuccess ||
+      hipMalloc(&w, wbytes) != hipSuccess || hipMalloc(&logits, (size_t)(c.M * N * 4)) != hipSuccess)
+    return -1.0;
+  (void)hipMemset(x, 0, (size_t)(c.M * K * 2));
+  (void)hipMemset(src, 0, sbytes);
+  if (c.format < 0) {
+    (void)quillon_lm_head_shuffle_weight(src, w, nullptr);
+  } else {
+    (void)hipMalloc(&meta, (size_t)quillon_lm_head_kquant_meta_bytes(c.format));
+    (void)quillon_lm_head_kquant_shuffle_weight(c.format, src, w, meta, nullptr);
+  }
+  auto run = [&] {
+    if (c.format < 0) (void)quillon_lm_head(x, w, static_cast<float*>(logits), c.M, nullptr, nullptr);
+    else (void)quillon_lm_head_kquant(c.format, x, w, meta, static_cast<float*>(logits), c.M, nullptr, nullptr);
+  };
+  run();
+  (void)hipStreamSynchronize(nullptr);
+  hipEvent_t e0, e1;
+  (void)hipEventCreate(&e0);
+  (void)hipEventCreate(&e1);
+  std::vector<double> t;
+  for (int r = 0; r < 9; ++r) {
+    (void)hipEventRecord(e0, nullptr);
+    run();
+    (void)hipEventRecord(e1, nullptr);
+    (void)hipEventSynchronize(e1);
+    float ms = 0;
+    (void)hipEventElapsedTime(&ms, e0, e1);
+    t.push_back(ms * 1e-3);
+  }
+  std::sort(t.begin(), t.end());
+  (void)hipEventDestroy(e0);
+  (void)hipEventDestroy(e1);
+  for (void* p : {x, src, w, meta, logits})
+    if (p) (void)hipFree(p);
+  return t[t.size() / 2];
+}
+
+void lm_head_table(bool gpu) {
+  const HeadCase cases[] = {{0, -1, 1}, {0, -1, 32}, {0, 4, 1}, {0, 4, 32}, {0, 6, 1},
+                            {2, -1, 1}, {2, -1, 32}, {2, 8, 1}, {2, 8, 32}};
+  std::printf("\nlm_head (decode path, fp32 logits)%s\n", gpu ? "" : ": MODEL only on the CPU device");
+  std::printf("%-9s %6s %6s %6s %6s %10s %9s %10s %8s %12s\n", "geometry", "format", "M", "N", "K", "MB moved",
+              "GFLOP", "model us", "bound", gpu ? "measured us" : "");
+  for (const HeadCase& c : cases) {
+    if (quillon_select_geometry(c.geometry) != 0) continue;
+    QuillonModelConfig cfg;
+    quillon_model_config(&cfg);
+    const int64_t N = cfg.vocab_size, K = cfg.hidden_size;
+    const Model m = head_model(c, N, K);
+    const bool mem = m.bytes / kBandwidth >= m.issued / kMatrixRate;
+    char fmt[8];
+    std::snprintf(fmt, sizeof fmt, "%s", c.format < 0 ? "bf16" : c.format == 4 ? "Q4_K" : c.format == 6 ? "Q6_K" : "Q8_0");
+    std::printf("%-9d %6s %6lld %6lld %6lld %10.2f %9.3f %10.2f %8s", c.geometry, fmt, (long long)c.M, (long long)N,
+                (long long)K, m.bytes / 1e6, m.flops / 1e9, m.seconds * 1e6, mem ? "memory" : "matrix");
+    if (gpu) {
+      const double s = time_head(c, N, K);
+      if (s > 0) std::printf(" %12.2f  (%.0f GB/s)", s * 1e6, m.bytes / s / 1e9);
+      else std::printf(" %12s", "no memory");
+    }
+    std::printf("\n");
+  }
+}
+
 }  // namespace
 
 int main() {
@@ -142,5 +233,6 @@ int main() {
     std::printf("\n");
   }
   std::printf("The general entries always run the 256-row tile, so decode rows are charged 256 rows of matrix work.\n");
+  lm_head_table(gpu);
   return 0;
 }

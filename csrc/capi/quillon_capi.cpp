@@ -6,6 +6,7 @@
 #include "../device/geometry.h"
 #include "../norm/rmsnorm.h"
 #include "../device/gather_embedding.h"
+#include "../embedding/lm_head_gemm.h"
 #include "../sampling/topk_topp.h"
 #include "../sampling/multinomial.h"
 #include "../gemm/kquant_shuffle.h"
@@ -129,6 +130,40 @@ QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* 
 }
 
 /* ---- LM head ---- */
+QUILLON_API hipError_t quillon_lm_head_shuffle_weight(const void* src, void* w, hipStream_t stream) {
+  lm_head_shuffle_weight(src, w, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_lm_head(const void* x, const void* w, float* logits, int64_t M, void* scratch,
+                                       hipStream_t stream) {
+  lm_head(x, w, logits, M, scratch, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_lm_head_gemm_decode(const void* x, const void* w, float* logits, int64_t M,
+                                                   hipStream_t stream) {
+  lm_head_gemm_decode(x, w, logits, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_lm_head_gemm_prefill(const void* x, const void* w, void* scratch, float* logits,
+                                                    int64_t M, hipStream_t stream) {
+  lm_head_gemm_prefill(x, w, scratch, logits, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_lm_head_scratch_bytes(int64_t M) { return lm_head_scratch_bytes(M); }
+QUILLON_API int64_t quillon_lm_head_prefill_scratch_bytes(int64_t M) { return lm_head_prefill_scratch_bytes(M); }
+QUILLON_API hipError_t quillon_lm_head_kquant_shuffle_weight(int32_t format, const void* gguf_src, void* quant,
+                                                             void* meta, hipStream_t stream) {
+  lm_head_kquant_shuffle_weight(format, gguf_src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_lm_head_kquant_quant_bytes(int32_t format) { return lm_head_kquant_quant_bytes(format); }
+QUILLON_API int64_t quillon_lm_head_kquant_meta_bytes(int32_t format) { return lm_head_kquant_meta_bytes(format); }
+QUILLON_API int64_t quillon_lm_head_kquant_gguf_bytes(int32_t format) { return lm_head_kquant_gguf_bytes(format); }
+QUILLON_API hipError_t quillon_lm_head_kquant(int32_t format, const void* x, const void* quant, const void* meta,
+                                              float* logits, int64_t M, void* scratch, hipStream_t stream) {
+  lm_head_kquant(format, x, quant, meta, logits, M, scratch, stream);
+  return hipGetLastError();
+}
 
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,

@@ -145,6 +145,31 @@ QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, v
 QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* table, void* out, int64_t n,
                                                 hipStream_t stream);
 
+/* ---- LM head ---- */
+/* logits [M, vocab_size] fp32 = x [M, hidden_size] bf16 (row-major) times the
+ * head weight. The weight is shuffled once: bf16 [vocab_size, hidden_size]
+ * row-major through quillon_lm_head_shuffle_weight, or a GGUF k-quant tensor
+ * into quant and meta planes through quillon_lm_head_kquant_shuffle_weight.
+ * Up to 32 rows run the decode path (no scratch; M below 1 is fatal); more
+ * rows run the prefill path, whose scratch is sized by
+ * quillon_lm_head_scratch_bytes. */
+QUILLON_API hipError_t quillon_lm_head_shuffle_weight(const void* src, void* w, hipStream_t stream);
+QUILLON_API hipError_t quillon_lm_head(const void* x, const void* w, float* logits, int64_t M, void* scratch,
+                                       hipStream_t stream);
+QUILLON_API hipError_t quillon_lm_head_gemm_decode(const void* x, const void* w, float* logits, int64_t M,
+                                                   hipStream_t stream);
+QUILLON_API hipError_t quillon_lm_head_gemm_prefill(const void* x, const void* w, void* scratch, float* logits,
+                                                    int64_t M, hipStream_t stream);
+QUILLON_API int64_t quillon_lm_head_scratch_bytes(int64_t M);
+QUILLON_API int64_t quillon_lm_head_prefill_scratch_bytes(int64_t M);
+QUILLON_API hipError_t quillon_lm_head_kquant_shuffle_weight(int32_t format, const void* gguf_src, void* quant,
+                                                             void* meta, hipStream_t stream);
+QUILLON_API int64_t quillon_lm_head_kquant_quant_bytes(int32_t format);
+QUILLON_API int64_t quillon_lm_head_kquant_meta_bytes(int32_t format);
+QUILLON_API int64_t quillon_lm_head_kquant_gguf_bytes(int32_t format);
+QUILLON_API hipError_t quillon_lm_head_kquant(int32_t format, const void* x, const void* quant, const void* meta,
+                                              float* logits, int64_t M, void* scratch, hipStream_t stream);
+
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
                                                 const float* temperature, hipStream_t stream);

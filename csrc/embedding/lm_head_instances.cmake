@@ -1,0 +1,27 @@
+# Instantiation units of the LM head: one per geometry for bf16 and one per
+# (geometry, general-GEMM format) for the k-quant forms, each holding the 16-
+# and 32-row decode kernels and the prefill kernel, so the build spreads them.
+# Sets QUILLON_LM_HEAD_INSTANCE_SOURCES.
+include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
+quillon_kquant_set(GeneralGemm _quillon_lm_head_formats)
+set(QUILLON_LM_HEAD_INSTANCE_SOURCES "")
+foreach(GEOM Qwen36MoeA3B Qwen3627B DeepSeekV4Flash Qwen38FlashNext)
+  set(NOTE ", bf16")
+  set(LINES "")
+  foreach(MT 16 32 256)
+    string(APPEND LINES "template void lm_head_launch<${GEOM}, ${MT}>(const gemm_core::LmHeadParams&, hipStream_t);\n")
+  endforeach()
+  set(_out ${CMAKE_BINARY_DIR}/generated/embedding/lm_head_${GEOM}_bf16.cpp)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/lm_head_inst.cpp.in ${_out} @ONLY)
+  list(APPEND QUILLON_LM_HEAD_INSTANCE_SOURCES ${_out})
+  foreach(F IN LISTS _quillon_lm_head_formats)
+    set(NOTE ", k-quant format ${F}")
+    set(LINES "")
+    foreach(MT 16 32 256)
+      string(APPEND LINES "template void lm_head_kquant_launch<${GEOM}, ${MT}, ${F}>(const gemm_core::LmHeadKQuantParams&, hipStream_t);\n")
+    endforeach()
+    set(_out ${CMAKE_BINARY_DIR}/generated/embedding/lm_head_${GEOM}_q${F}.cpp)
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/lm_head_inst.cpp.in ${_out} @ONLY)
+    list(APPEND QUILLON_LM_HEAD_INSTANCE_SOURCES ${_out})
+  endforeach()
+endforeach()
