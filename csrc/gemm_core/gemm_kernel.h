@@ -154,10 +154,14 @@ QDEV void decode_deep(const ARowStream& as, const BS& bs, dev::f32x8& acc) {
   typename BS::Raw b[2];
   fetch_unit(as, bs, a[0], b[0], 0);
   fetch_unit(as, bs, a[1], b[1], 1);
-  uint32_t u = 0;
+  uint32_t u = 0, end = U;
+#if defined(__HIP_DEVICE_COMPILE__)
+  // A loop of one trip would be straight-lined, and its hoisted loads spill.
+  if constexpr (U == 8) asm volatile("" : "+s"(end));
+#endif
   // One trip per iteration: the loop body is the unit of work, not the K extent.
 #pragma nounroll
-  for (; u + 4 < U; u += 4) {
+  for (; u + 4 < end; u += 4) {
     deep_unit<0, true>(as, bs, a, b, u + 2, acc);
     deep_unit<1, true>(as, bs, a, b, u + 3, acc);
     deep_unit<0, true>(as, bs, a, b, u + 4, acc);

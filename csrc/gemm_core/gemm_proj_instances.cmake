@@ -1,0 +1,123 @@
+# The named projections: one row per (name, weight form) with its K:N per
+# geometry. From this one table the build generates
+#   - one unit per distinct (form, K, N) (per format for k-quant) holding the
+#     shape's kernels: prefill, decode at row tiles 16 and 32, and every split
+#     count its K allows at both row tiles;
+#   - the named entries with their scratch functions, and the header that
+#     declares them and keeps the shapes from being instantiated elsewhere.
+# QUILLON_PROJ_GEOMETRIES bounds which geometries are instantiated; a name
+# called at any other geometry fails with the geometry message.
+# Sets QUILLON_PROJ_INSTANCE_SOURCES.
+set(QUILLON_PROJ_TABLE
+  "qkv_proj bf16 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
+  "qkv_proj_fp8 fp8 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
+  "qkv_proj_kquant kquant Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
+  "qkv_proj_index bf16 Qwen38FlashNext:2560:640"
+  "attn_out_scale_oproj bf16 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "attn_out_scale_oproj_fp8 fp8 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "attn_out_scale_oproj_kquant kquant Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "linear_in_proj bf16 Qwen36MoeA3B:2048:12416 Qwen3627B:5120:16512 Qwen38FlashNext:2560:16512"
+  "linear_in_proj_qz_fp8 fp8 Qwen36MoeA3B:2048:12288 Qwen3627B:5120:16384 Qwen38FlashNext:2560:16384"
+  "linear_in_proj_qz_kquant kquant Qwen36MoeA3B:2048:12288 Qwen3627B:5120:16384 Qwen38FlashNext:2560:16384"
+  "linear_in_proj_qkv_kquant kquant Qwen36MoeA3B:2048:8192 Qwen3627B:5120:10240 Qwen38FlashNext:2560:10240"
+  "linear_in_proj_z_kquant kquant Qwen36MoeA3B:2048:4096 Qwen3627B:5120:6144 Qwen38FlashNext:2560:6144"
+  "linear_in_proj_ba bf16 Qwen36MoeA3B:2048:128 Qwen3627B:5120:128 Qwen38FlashNext:2560:128"
+  "linear_out_proj bf16 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "linear_out_proj_fp8 fp8 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "linear_out_proj_kquant kquant Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+)
+if(NOT DEFINED QUILLON_PROJ_GEOMETRIES)
+  set(QUILLON_PROJ_GEOMETRIES Qwen36MoeA3B Qwen3627B Qwen38FlashNext)
+endif()
+
+include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
+quillon_kquant_set(DenseProjection _quillon_proj_formats)
+set(_proj_dir ${CMAKE_BINARY_DIR}/generated)
+set(QUILLON_PROJ_INSTANCE_SOURCES "")
+set(_proj_shapes "")
+set(_proj_decls "")
+set(_proj_externs "")
+set(_proj_defs "")
+
+function(_quillon_proj_form form out)
+  if(form STREQUAL "bf16")
+    set(${out} FormBf16 PARENT_SCOPE)
+  elseif(form STREQUAL "fp8")
+    set(${out} FormFp8 PARENT_SCOPE)
+  else()
+    set(${out} FormKQuant PARENT_SCOPE)
+  endif()
+endfunction()
+
+foreach(row IN LISTS QUILLON_PROJ_TABLE)
+  string(REPLACE " " ";" row "${row}")
+  list(POP_FRONT row NAME FORM)
+  _quillon_proj_form(${FORM} FORM_T)
+  set(_ats "")
+  foreach(cell IN LISTS row)
+    string(REPLACE ":" ";" cell "${cell}")
+    list(GET cell 0 G)
+    list(GET cell 1 K)
+    list(GET cell 2 N)
+    if(NOT G IN_LIST QUILLON_PROJ_GEOMETRIES)
+      continue()
+    endif()
+    string(APPEND _ats ", At<${G}, ${K}, ${N}>{}")
+    set(key "${FORM}_${K}_${N}")
+    if(key IN_LIST _proj_shapes)
+      continue()
+    endif()
+    list(APPEND _proj_shapes ${key})
+    if(FORM STREQUAL "kquant")
+      set(_ws "")
+      foreach(F IN LISTS _quillon_proj_formats)
+        list(APPEND _ws "WDenseKQuant<${F}>, 0")
+      endforeach()
+    elseif(FORM STREQUAL "fp8")
+      set(_ws "WDenseFp8, ${N}")
+    else()
+      set(_ws "WDenseBf16, 0")
+    endif()
+    foreach(w IN LISTS _ws)
+      string(REGEX REPLACE "[^A-Za-z0-9]+" "_" tag "${w}")
+      set(SHAPE "ProjShape<gemm_core::${w}, ${K}, ${N}>")
+      string(APPEND _proj_externs "extern template struct ${SHAPE};\n")
+      set(_out ${_proj_dir}/proj/proj_${tag}_${K}_${N}.cpp)
+      file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: one projection shape.
+#include \"gemm_core/gemm_proj_core.h\"
+
+namespace quillon::proj {
+template struct @SHAPE@;
+}  // namespace quillon::proj
+")
+      list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
+    endforeach()
+  endforeach()
+  if(_ats STREQUAL "")
+    continue()
+  endif()
+  string(APPEND _proj_decls "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w);\nint64_t ${NAME}_scratch_bytes(int64_t M);\n")
+  string(APPEND _proj_defs "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w) {\n  run_named<${FORM_T}>(\"${NAME}\", c, w${_ats});\n}\n")
+  string(APPEND _proj_defs "int64_t ${NAME}_scratch_bytes(int64_t M) { return scratch_named(M${_ats}); }\n")
+endforeach()
+
+file(CONFIGURE OUTPUT ${_proj_dir}/quillon_gen/proj_named.h @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named
+// projections of this build and the shapes compiled in their own units.
+#pragma once
+namespace quillon::proj {
+@_proj_externs@
+@_proj_decls@
+}  // namespace quillon::proj
+")
+set(_out ${_proj_dir}/proj/proj_named.cpp)
+file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named entries.
+#include \"gemm_core/gemm_entry_proj.h\"
+
+namespace quillon::proj {
+@_proj_defs@
+}  // namespace quillon::proj
+")
+list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
