@@ -17,7 +17,7 @@ namespace gt {
 // bf16 integers in [lo, hi]: products and sums of them are exact in fp32.
 inline std::vector<uint16_t> int_bf16(qt::Rng& rng, size_t n, int lo, int hi) {
   std::vector<uint16_t> v(n);
-  for (auto& x : v) x = (uint16_t)(ref::bits_of_f32((float)rng.integer(lo, hi)) >> 16);
+  for (auto& x : v) x = (uint16_t)(ref::to_bits((float)rng.integer(lo, hi)) >> 16);
   return v;
 }
 inline std::vector<float> floats_of(const std::vector<uint16_t>& v) {

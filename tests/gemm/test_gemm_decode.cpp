@@ -116,7 +116,7 @@ Fp8Weight make_fp8(int64_t N, int64_t K, bool exact, uint64_t seed) {
     x = exact ? (uint8_t)((rng.integer(0, 1) << 7) | (rng.integer(6, 10) << 3) | rng.integer(0, 7)) : (uint8_t)rng.bits();
   w.scales.resize((size_t)(K / 128 * (N / 128)));
   for (auto& s : w.scales)
-    s = exact ? (uint16_t)((127 + rng.integer(-3, 3)) << 7) : (uint16_t)(ref::bits_of_f32(rng.uniform(0.01f, 3.0f)) >> 16);
+    s = exact ? (uint16_t)((127 + rng.integer(-3, 3)) << 7) : (uint16_t)(ref::to_bits(rng.uniform(0.01f, 3.0f)) >> 16);
   qt::DevBuf src = qt::DevBuf::from(w.bytes);
   w.dbytes = qt::DevBuf((size_t)(N * K));
   quillon::shuffle_b_blk32_fp8(src.get(), K, w.dbytes.get(), N, K, nullptr);

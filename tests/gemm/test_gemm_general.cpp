@@ -111,7 +111,7 @@ TEST(GemmBf16, RaggedNComputesWholeTilesOnly) {
   for (int64_t m = 0; m < M; ++m)
     for (int64_t n = 0; n < N; ++n) {
       const float g = got[(size_t)(m * N + n)];
-      bad += n < Nc ? g != (float)want[(size_t)(m * N + n)] : ref::bits_of_f32(g) != 0xFFFFFFFFu;
+      bad += n < Nc ? g != (float)want[(size_t)(m * N + n)] : ref::to_bits(g) != 0xFFFFFFFFu;
     }
   EXPECT_EQ(bad, 0);
   EXPECT_TRUE(ws.guards_intact() && c.guards_intact());

@@ -172,7 +172,7 @@ TEST(GemmInternal, Bf16RoundingOfSpecialValues) {
   std::vector<float> v(bits.size());
   std::vector<uint16_t> want(bits.size());
   for (size_t i = 0; i < bits.size(); ++i) {
-    v[i] = ref::f32_of_bits(bits[i]);
+    v[i] = ref::from_bits(bits[i]);
     want[i] = ref::bf16_out(v[i]);
   }
   EXPECT_EQ(want[0], 0x7fc0);
@@ -211,7 +211,7 @@ TEST(GemmInternal, EpilogueRoundsNaNAndOverflow) {
   const auto h = c16.download<uint16_t>();
   const auto f = c32.download<float>();
   for (int64_t n = 0; n < N; ++n) {
-    EXPECT_EQ(ref::bits_of_f32(f[n]), 0x7f7fffffu);
+    EXPECT_EQ(ref::to_bits(f[n]), 0x7f7fffffu);
     EXPECT_EQ(h[n], 0x7f80);
     EXPECT_EQ(h[N + n], 0xff80);
     EXPECT_EQ(h[2 * N + n], 0x3f80);

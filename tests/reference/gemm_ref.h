@@ -8,19 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "ref_bits.h"
+
 namespace ref {
 
-inline float f32_of_bits(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
-inline uint32_t bits_of_f32(float f) {
-  uint32_t u;
-  std::memcpy(&u, &f, 4);
-  return u;
-}
-inline float bf16_value(uint16_t h) { return f32_of_bits((uint32_t)h << 16); }
+inline float bf16_value(uint16_t h) { return widen(h); }
 
 // C[m, n] = sum over k of A[m, k] * B[n, k]; A is M x K, B is N x K.
 inline std::vector<double> gemm(const std::vector<float>& A, const std::vector<float>& B, int64_t M, int64_t N,
@@ -50,13 +42,13 @@ inline std::vector<double> gemm_abs(const std::vector<float>& A, const std::vect
 // Output rounding to bf16: a NaN keeps the top half of bits | 0x400000; any
 // other value rounds to nearest, ties to even, on the bits.
 inline uint16_t bf16_out(float f) {
-  const uint32_t u = bits_of_f32(f);
+  const uint32_t u = to_bits(f);
   if (std::isnan(f)) return (uint16_t)((u | 0x400000u) >> 16);
   return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
 }
 // The same rounding without a NaN case (scaled fp8 weights of the prefill path).
 inline uint16_t bf16_rne_plain(float f) {
-  const uint32_t u = bits_of_f32(f);
+  const uint32_t u = to_bits(f);
   return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
 }
 
