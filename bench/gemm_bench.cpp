@@ -67,6 +67,30 @@ bool have_gpu() {
 }
 
 // Median of `reps` timed runs of one entry, in seconds.
+// Median of 9 event-timed runs after one warm-up.
+template <class F>
+double median_event_seconds(F&& run) {
+  run();
+  (void)hipStreamSynchronize(nullptr);
+  hipEvent_t e0, e1;
+  (void)hipEventCreate(&e0);
+  (void)hipEventCreate(&e1);
+  std::vector<double> t;
+  for (int r = 0; r < 9; ++r) {
+    (void)hipEventRecord(e0, nullptr);
+    run();
+    (void)hipEventRecord(e1, nullptr);
+    (void)hipEventSynchronize(e1);
+    float ms = 0;
+    (void)hipEventElapsedTime(&ms, e0, e1);
+    t.push_back(ms * 1e-3);
+  }
+  std::sort(t.begin(), t.end());
+  (void)hipEventDestroy(e0);
+  (void)hipEventDestroy(e1);
+  return t[t.size() / 2];
+}
+
 double time_case(const Case& c) {
   void *a = nullptr, *src = nullptr, *b = nullptr, *meta = nullptr, *out = nullptr, *ws = nullptr;
   const size_t wbytes = c.format < 0 ? (size_t)(c.N * c.K * 2) : (size_t)quillon_kquant_gguf_bytes(c.format, c.N, c.K);
@@ -88,27 +112,10 @@ double time_case(const Case& c) {
     if (c.format < 0) (void)quillon_gemm_bf16_a(a, b, out, c.M, c.N, c.K, 1, ws, nullptr);
     else (void)quillon_gemm_kquant_a(c.format, a, b, meta, out, c.M, c.N, c.K, 1, ws, nullptr);
   };
-  run();
-  (void)hipStreamSynchronize(nullptr);
-  hipEvent_t e0, e1;
-  (void)hipEventCreate(&e0);
-  (void)hipEventCreate(&e1);
-  std::vector<double> t;
-  for (int r = 0; r < 9; ++r) {
-    (void)hipEventRecord(e0, nullptr);
-    run();
-    (void)hipEventRecord(e1, nullptr);
-    (void)hipEventSynchronize(e1);
-    float ms = 0;
-    (void)hipEventElapsedTime(&ms, e0, e1);
-    t.push_back(ms * 1e-3);
-  }
-  std::sort(t.begin(), t.end());
-  (void)hipEventDestroy(e0);
-  (void)hipEventDestroy(e1);
+  const double secs = median_event_seconds(run);
   for (void* p : {a, src, b, meta, out, ws})
     if (p) (void)hipFree(p);
-  return t[t.size() / 2];
+  return secs;
 }
 
 // ---- LM head ---------------------------------------------------------------------------
@@ -153,27 +160,10 @@ double time_head(const HeadCase& c, int64_t N, int64_t K) {
     if (c.format < 0) (void)quillon_lm_head(x, w, static_cast<float*>(logits), c.M, nullptr, nullptr);
     else (void)quillon_lm_head_kquant(c.format, x, w, meta, static_cast<float*>(logits), c.M, nullptr, nullptr);
   };
-  run();
-  (void)hipStreamSynchronize(nullptr);
-  hipEvent_t e0, e1;
-  (void)hipEventCreate(&e0);
-  (void)hipEventCreate(&e1);
-  std::vector<double> t;
-  for (int r = 0; r < 9; ++r) {
-    (void)hipEventRecord(e0, nullptr);
-    run();
-    (void)hipEventRecord(e1, nullptr);
-    (void)hipEventSynchronize(e1);
-    float ms = 0;
-    (void)hipEventElapsedTime(&ms, e0, e1);
-    t.push_back(ms * 1e-3);
-  }
-  std::sort(t.begin(), t.end());
-  (void)hipEventDestroy(e0);
-  (void)hipEventDestroy(e1);
+  const double secs = median_event_seconds(run);
   for (void* p : {x, src, w, meta, logits})
     if (p) (void)hipFree(p);
-  return t[t.size() / 2];
+  return secs;
 }
 
 void lm_head_table(bool gpu) {
