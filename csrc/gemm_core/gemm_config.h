@@ -192,4 +192,21 @@ struct ProjSplitKConfigFor
   static constexpr int64_t kNFixed = N_FIXED;
 };
 
+// The split arm of a pair or triple: T column tiles of W, S splits of K,
+// partials to the workspace. Its record is a decode split record.
+template <class W, int64_t K, int S, int MT, int T>
+struct ProjPairSplitKConfig
+    : DecodeConfig<MT, typename WeightLoaders<W, 0>::Decode, ProjSplitParams<typename W::Operand>,
+                   EpilogueRowMajor<bf16>, K, true, S> {
+  static_assert(W::split_tiles == T, "the arm's tile count is its descriptor's");
+  using Weight = W;
+  static constexpr int kTiles = T;
+};
+
+// Eight independent products of one grouped launch, passed by value.
+template <class Params, int G = 8>
+struct ProjGroupedArgs {
+  Params group[G];
+};
+
 }  // namespace quillon::gemm_core

@@ -4,33 +4,24 @@
 namespace quillon::proj {
 
 namespace {
-// The in-projection of one geometry: K, the widths of its split arms, and the
-// triple's split counts (the triple's arm 1 is the z arm).
-struct LinearIn {
-  int64_t K;
-  int64_t qkv_n;  // k-quant qkv arm; splits only below kNoSplitFromN
-  int64_t z_n;
-  int64_t triple_s;
-};
-constexpr LinearIn linear_in_of(int32_t g) {
-  return g == Qwen36MoeA3B::id ? LinearIn{2048, 8192, 4096, 8}
-         : g == Qwen3627B::id  ? LinearIn{5120, 10240, 6144, 8}
-                               : LinearIn{2560, 10240, 6144, 4};
-}
 int64_t max2(int64_t a, int64_t b) { return a > b ? a : b; }
 }  // namespace
 
+// The triple's term is sized for max_splits(K) on both split arms, which
+// holds every split the launch takes.
 int64_t linear_in_scratch_bytes(int64_t M) {
   int64_t r = 0;
   on_geometry<Qwen36MoeA3B, Qwen3627B, Qwen38FlashNext>(QUILLON_HERE, [&](auto g) {
     if (M <= 0) return;
-    constexpr LinearIn s = linear_in_of(decltype(g)::id);
+    constexpr int32_t id = decltype(g)::id;
+    constexpr KN qkv = linear_in_proj_qkv_kquant_shape(id), z = linear_in_proj_z_kquant_shape(id),
+                 ba = linear_in_proj_ba_shape(id);
     const int64_t c = M < 32 ? M : 32;
-    r = proj_scratch_bytes(M, s.K);
-    r = max2(r, split_scratch_bytes(M, 128, s.K));
-    r = max2(r, split_scratch_bytes(M, s.z_n, s.K));
-    r = max2(r, split_scratch_bytes(M, s.qkv_n, s.K));
-    r = max2(r, c * (s.triple_s * s.z_n + s.triple_s * 128) * 4);
+    r = proj_scratch_bytes(M, qkv.K);
+    r = max2(r, split_scratch_bytes(M, ba.N, ba.K));
+    r = max2(r, split_scratch_bytes(M, z.N, z.K));
+    r = max2(r, split_scratch_bytes(M, qkv.N, qkv.K));
+    r = max2(r, c * max_splits(qkv.K) * (z.N + ba.N) * 4);
   });
   return r;
 }

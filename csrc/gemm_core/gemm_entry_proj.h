@@ -71,6 +71,58 @@ int64_t scratch_named(int64_t M, At<G, K, N>...) {
   return r;
 }
 
+// A named projection's K and N at one geometry (0, 0 where it has none).
+struct KN {
+  int64_t K, N;
+};
+
+// Several projections over the same A. At Decode with M at most 32 one fused
+// launch runs them all; otherwise they run in turn by name, each output at the
+// end of the one before. Outputs and the partials of split arms as for one
+// projection: C and splitk_ws of the call.
+//   q and k (k-quant) with v at another k-quant width
+void qkv_proj_pair_kquant(const ProjCall& c, const FormKQuant::Weight& qk, const FormKQuant::Weight& v);
+//   q (k-quant) with k and v in bf16
+void qkv_proj_q_kv_kquant(const ProjCall& c, const FormKQuant::Weight& q, const uint16_t* kv);
+//   gate and up at equal N, different widths
+void mlp_gate_up_pair_kquant(const ProjCall& c, const FormKQuant::Weight& gate, const FormKQuant::Weight& up);
+//   the linear-attention input: qkv and z (k-quant), ba (bf16)
+void linear_in_proj_triple_kquant(const ProjCall& c, const FormKQuant::Weight& qkv, const FormKQuant::Weight& z,
+                                  const uint16_t* ba);
+
+// Eight independent products of [M, 4096] by [1024, 4096] at one k-quant
+// format in one launch: group g reads A + g * M * 4096 and writes columns
+// g * 1024 of C, whose rows are 8192 wide.
+inline constexpr int64_t kGroupedK = 4096, kGroupedN = 1024;
+void grouped_kquant(int32_t format, const void* A, const gemm_core::KQuantPlanes (&planes)[8], void* C, int64_t M,
+                    hipStream_t stream);
+
+// The fused launches of geometry G with arm 0 at format F0: defined in
+// gemm_proj_fused.h and compiled in generated units.
+template <class G, int F0>
+struct FusedQkvPair {
+  static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1);
+};
+template <class G, int F0>
+struct FusedQKv {
+  static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, const uint16_t* kv);
+};
+template <class G, int F0>
+struct FusedMlpPair {
+  static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1);
+};
+template <class G, int F0>
+struct FusedTriple {
+  static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1,
+                  const uint16_t* ba);
+};
+template <int F>
+struct FusedGrouped {
+  static void run(const void* A, const gemm_core::KQuantPlanes (&planes)[8], void* C, int64_t M, hipStream_t s);
+};
+template <class... G>
+struct Geometries {};
+
 // The linear-attention projections' scratch: the largest term over the three
 // weight forms of the in-projection (shuffled A, its split arms, the triple's
 // partials), and of the out-projection.

@@ -25,6 +25,21 @@ set(QUILLON_PROJ_TABLE
   "linear_out_proj bf16 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
   "linear_out_proj_fp8 fp8 Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
   "linear_out_proj_kquant kquant Qwen36MoeA3B:4096:2048 Qwen3627B:6144:5120 Qwen38FlashNext:6144:2560"
+  "qkv_proj_qk_kquant kquant Qwen36MoeA3B:2048:8704 Qwen3627B:5120:13312 Qwen38FlashNext:2560:12800"
+  "qkv_proj_v_kquant kquant Qwen36MoeA3B:2048:512 Qwen3627B:5120:1024 Qwen38FlashNext:2560:512"
+  "qkv_proj_q_kquant kquant Qwen36MoeA3B:2048:8192 Qwen3627B:5120:12288 Qwen38FlashNext:2560:12288"
+  "qkv_proj_kv bf16 Qwen36MoeA3B:2048:1024 Qwen3627B:5120:2048 Qwen38FlashNext:2560:1024"
+  "mlp_gate_kquant kquant Qwen3627B:5120:17408"
+  "mlp_up_kquant kquant Qwen3627B:5120:17408"
+)
+# The fused decode launches (gemm_proj_fused.h): each exists at the geometries
+# where the named projection beside it has a shape, one unit per format of its
+# first arm. The grouped launch has one fixed shape and no geometry.
+set(QUILLON_PROJ_FUSED_TABLE
+  "FusedQkvPair qkv_proj_qk_kquant"
+  "FusedQKv qkv_proj_q_kquant"
+  "FusedMlpPair mlp_gate_kquant"
+  "FusedTriple linear_in_proj_z_kquant"
 )
 if(NOT DEFINED QUILLON_PROJ_GEOMETRIES)
   set(QUILLON_PROJ_GEOMETRIES Qwen36MoeA3B Qwen3627B Qwen38FlashNext)
@@ -54,6 +69,8 @@ foreach(row IN LISTS QUILLON_PROJ_TABLE)
   list(POP_FRONT row NAME FORM)
   _quillon_proj_form(${FORM} FORM_T)
   set(_ats "")
+  set(_shape "")
+  set(_geoms_${NAME} "")
   foreach(cell IN LISTS row)
     string(REPLACE ":" ";" cell "${cell}")
     list(GET cell 0 G)
@@ -63,6 +80,8 @@ foreach(row IN LISTS QUILLON_PROJ_TABLE)
       continue()
     endif()
     string(APPEND _ats ", At<${G}, ${K}, ${N}>{}")
+    string(APPEND _shape "g == ${G}::id ? KN{${K}, ${N}} : ")
+    list(APPEND _geoms_${NAME} ${G})
     set(key "${FORM}_${K}_${N}")
     if(key IN_LIST _proj_shapes)
       continue()
@@ -94,13 +113,42 @@ template struct @SHAPE@;
       list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
     endforeach()
   endforeach()
-  if(_ats STREQUAL "")
-    continue()
-  endif()
+  # A name with no geometry in this build still exists: it fails with the
+  # geometry message.
+  string(APPEND _proj_decls "constexpr KN ${NAME}_shape(int32_t g) { (void)g; return ${_shape}KN{0, 0}; }\n")
   string(APPEND _proj_decls "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w);\nint64_t ${NAME}_scratch_bytes(int64_t M);\n")
   string(APPEND _proj_defs "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w) {\n  run_named<${FORM_T}>(\"${NAME}\", c, w${_ats});\n}\n")
   string(APPEND _proj_defs "int64_t ${NAME}_scratch_bytes(int64_t M) { return scratch_named(M${_ats}); }\n")
 endforeach()
+
+function(_quillon_proj_unit out content)
+  file(CONFIGURE OUTPUT ${out} @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: fused decode launches.
+#include \"gemm_core/gemm_proj_fused.h\"
+
+namespace quillon::proj {
+${content}}  // namespace quillon::proj
+")
+  set(QUILLON_PROJ_INSTANCE_SOURCES ${QUILLON_PROJ_INSTANCE_SOURCES} ${out} PARENT_SCOPE)
+endfunction()
+
+foreach(row IN LISTS QUILLON_PROJ_FUSED_TABLE)
+  string(REPLACE " " ";" row "${row}")
+  list(GET row 0 KIND)
+  list(GET row 1 NAME)
+  string(REPLACE ";" ", " _at "${_geoms_${NAME}}")
+  string(APPEND _proj_decls "using ${KIND}At = Geometries<${_at}>;\n")
+  foreach(G IN LISTS _geoms_${NAME})
+    foreach(F IN LISTS _quillon_proj_formats)
+      _quillon_proj_unit(${_proj_dir}/proj/fused_${KIND}_${G}_${F}.cpp "template struct ${KIND}<${G}, ${F}>;\n")
+    endforeach()
+  endforeach()
+endforeach()
+set(_grouped "")
+foreach(F IN LISTS _quillon_proj_formats)
+  string(APPEND _grouped "template struct FusedGrouped<${F}>;\n")
+endforeach()
+_quillon_proj_unit(${_proj_dir}/proj/fused_grouped.cpp "${_grouped}")
 
 file(CONFIGURE OUTPUT ${_proj_dir}/quillon_gen/proj_named.h @ONLY CONTENT
 "// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named

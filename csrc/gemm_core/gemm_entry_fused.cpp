@@ -1,0 +1,85 @@
+// Projections that share one A: the road by mode and M, the pair and triple
+// checks, and the dispatch onto the geometry's fused launch or onto the named
+// projections in turn.
+#include "gemm_entry_proj.h"
+
+namespace quillon::proj {
+
+namespace {
+
+// Fused launches serve decode steps of up to 32 rows.
+bool fused_road(const ProjCall& c) { return c.mode == Decode && c.M <= 32; }
+
+template <template <class, int> class Fused, class... G, class... Args>
+void run_fused(Geometries<G...>, int32_t f0, const Args&... args) {
+  on_geometry<G...>(QUILLON_HERE, [&](auto g) {
+    on_dense_projection(f0, [&](auto f) { Fused<decltype(g), decltype(f)::value>::run(args...); });
+  });
+}
+
+// The next projection in turn writes after the n columns of the one before.
+ProjCall after(const ProjCall& c, int64_t n) {
+  ProjCall r = c;
+  r.C = static_cast<unsigned char*>(c.C) + c.M * n * 2;
+  return r;
+}
+
+void require_different(int32_t f0, int32_t f1) {
+  if (f0 == f1)
+    QUILLON_FATAL("the segmented pair is for halves stored at DIFFERENT widths; both arrived at k-quant %d, which is "
+                  "the fused weight's job",
+                  f0);
+}
+
+}  // namespace
+
+void qkv_proj_pair_kquant(const ProjCall& c, const FormKQuant::Weight& qk, const FormKQuant::Weight& v) {
+  if (c.M <= 0) return;
+  if (!fused_road(c)) {
+    qkv_proj_qk_kquant(c, qk);
+    return qkv_proj_v_kquant(after(c, qkv_proj_qk_kquant_shape(active_geometry()).N), v);
+  }
+  require_different(qk.format, v.format);
+  run_fused<FusedQkvPair>(FusedQkvPairAt{}, qk.format, c, qk.planes, v.format, v.planes);
+}
+
+void qkv_proj_q_kv_kquant(const ProjCall& c, const FormKQuant::Weight& q, const uint16_t* kv) {
+  if (c.M <= 0) return;
+  if (!fused_road(c)) {
+    qkv_proj_q_kquant(c, q);
+    return qkv_proj_kv(after(c, qkv_proj_q_kquant_shape(active_geometry()).N), kv);
+  }
+  run_fused<FusedQKv>(FusedQKvAt{}, q.format, c, q.planes, kv);
+}
+
+void mlp_gate_up_pair_kquant(const ProjCall& c, const FormKQuant::Weight& gate, const FormKQuant::Weight& up) {
+  if (c.M <= 0) return;
+  if (!fused_road(c)) {
+    mlp_gate_kquant(c, gate);
+    return mlp_up_kquant(after(c, mlp_gate_kquant_shape(active_geometry()).N), up);
+  }
+  require_different(gate.format, up.format);
+  run_fused<FusedMlpPair>(FusedMlpPairAt{}, gate.format, c, gate.planes, up.format, up.planes);
+}
+
+// Equal formats are no fault here: the three run in turn.
+void linear_in_proj_triple_kquant(const ProjCall& c, const FormKQuant::Weight& qkv, const FormKQuant::Weight& z,
+                                  const uint16_t* ba) {
+  if (c.M <= 0) return;
+  if (!fused_road(c) || qkv.format == z.format) {
+    linear_in_proj_qkv_kquant(c, qkv);
+    const int32_t g = active_geometry();
+    const ProjCall cz = after(c, linear_in_proj_qkv_kquant_shape(g).N);
+    linear_in_proj_z_kquant(cz, z);
+    return linear_in_proj_ba(after(cz, linear_in_proj_z_kquant_shape(g).N), ba);
+  }
+  run_fused<FusedTriple>(FusedTripleAt{}, qkv.format, c, qkv.planes, z.format, z.planes, ba);
+}
+
+void grouped_kquant(int32_t format, const void* A, const gemm_core::KQuantPlanes (&planes)[8], void* C, int64_t M,
+                    hipStream_t stream) {
+  if (M <= 0) return;
+  on_dense_projection(format, [&](auto f) { FusedGrouped<decltype(f)::value>::run(A, planes, C, M, stream); });
+}
+
+}  // namespace quillon::proj

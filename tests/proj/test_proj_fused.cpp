@@ -1,0 +1,264 @@
+// Projections over one A: the fused pair, width-pair and triple launches at
+// Decode up to 32 rows, the projections in turn otherwise, the grouped launch,
+// and their failures. Each arm's weight has two live column tiles; in a fused
+// launch only their workgroups run, by block sampling, and every arm's output
+// region is checked against the reference.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "device/device_config.h"
+#include "proj_test_util.h"
+
+namespace {
+
+using namespace pt;
+
+// An arm's blocks along x in a launch: from `first`, `tiles` column tiles
+// per split.
+struct ArmBlocks {
+  int64_t first, tiles;
+  int splits;
+};
+
+// Samples the live tiles of every arm and split, over all row tiles.
+void sample(const std::vector<ArmBlocks>& arms, int64_t gx, int64_t row_tiles) {
+  std::vector<int64_t> ids;
+  for (int64_t y = 0; y < row_tiles; ++y)
+    for (const ArmBlocks& a : arms)
+      for (int64_t s = 0; s < a.splits; ++s)
+        for (int64_t t : {int64_t(0), a.tiles - 1}) ids.push_back(a.first + s * a.tiles + t + gx * y);
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  qcpu_sample_next_launch(ids.data(), (int)ids.size());
+}
+int64_t decode_row_tiles(int64_t M) { return M > 16 ? (M + 31) / 32 : 1; }
+// Partials of a projection that runs on its own, at this device's split.
+int64_t split_ws(int64_t M, int64_t N, int64_t K) { return want_splits(N, K, quillon::num_cus_p2()) * M * N * 4; }
+
+// A one-tile bf16 weight (N = 128): both live tiles are tile 0, so the
+// source's second half is what the product sees.
+Weight one_tile_bf16(int64_t K, qt::Rng& rng) {
+  Weight w = bf16_weight(128, K, rng);
+  w.decode_w.erase(w.decode_w.begin(), w.decode_w.begin() + 128 * K);
+  w.decode_w.insert(w.decode_w.end(), w.decode_w.begin(), w.decode_w.end());
+  w.prefill_w = w.decode_w;
+  return w;
+}
+
+struct Case {
+  int mode;
+  int64_t M;
+  std::vector<ArmBlocks> blocks;  // the first launch's sampled blocks; empty: all run
+  int64_t gx = 0, row_tiles = 1;
+  int64_t ws_bytes = 0;  // the workspace, exactly: an overrun hits its guard
+  bool fused = true;      // one launch (and a reduction): `blocks` are all that run
+};
+
+// Matrix instructions of the sampled blocks of a fused launch: 8 waves per
+// 16 rows of the row tile, one instruction per 16 of K in the block's split.
+uint64_t fused_wmma(const Case& k, int64_t K) {
+  const int64_t MT = k.M > 16 ? 32 : 16;
+  uint64_t n = 0;
+  for (const ArmBlocks& a : k.blocks) n += (a.tiles > 1 ? 2 : 1) * a.splits * 8 * (MT / 16) * (K / a.splits / 16);
+  return n * k.row_tiles;
+}
+
+// Runs `run` on fresh buffers; the arms' outputs follow each other in C.
+void check(const std::function<void(const pj::ProjCall&)>& run, const std::vector<const Weight*>& arms, const Case& k,
+           qt::Rng& rng) {
+  const int64_t M = k.M, K = arms[0]->K;
+  SCOPED_TRACE(testing::Message() << "mode " << k.mode << " M=" << M);
+  int64_t width = 0;
+  for (const Weight* w : arms) width += w->N;
+  const auto A = gt::int_bf16(rng, (size_t)(M * K), -3, 3);
+  qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * width * 2)), ws((size_t)std::max<int64_t>(k.ws_bytes, 4));
+  qt::DevBuf scratch((size_t)pj::proj_scratch_bytes(M, K));
+  pj::ProjCall call{a.get(), c.get(), M, k.mode, scratch.get(), ws.as<float>(), nullptr};
+  if (k.mode == pj::PrefillShuffledA) {
+    quillon::shuffle_a_blk32(a.get(), K, scratch.get(), (M + 255) / 256 * 256, K, nullptr, M);
+    call.A = scratch.get();
+  }
+  if (!k.blocks.empty()) sample(k.blocks, k.gx, k.row_tiles);
+  const uint64_t wmma0 = qcpu_wmma_count();
+  run(call);
+  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  if (k.fused) EXPECT_EQ(qcpu_wmma_count() - wmma0, fused_wmma(k, K)) << "not the one fused launch";
+  EXPECT_TRUE(c.guards_intact() && ws.guards_intact());
+  const auto C = c.download<uint16_t>();
+  const auto fa = gt::floats_of(A);
+  int64_t off = 0;
+  for (const Weight* w : arms) {
+    SCOPED_TRACE(testing::Message() << "arm of N " << w->N);
+    expect_arm({C.begin() + off, C.begin() + off + M * w->N}, fa, *w, k.mode == pj::Decode, M, true);
+    off += M * w->N;
+  }
+}
+
+class ProjFused : public testing::Test {
+ protected:
+  void select(int g) { ASSERT_EQ(quillon_select_geometry(g), 0); }
+};
+
+// q and k with v at another width, geometry 0: seam 68, v in 4 tiles by 8.
+TEST_F(ProjFused, QkvPairFusedAndInTurn) {
+  select(0);
+  qt::Rng rng(21);
+  for (auto [f0, f1] : {std::pair{4, 6}, std::pair{8, 3}}) {
+    SCOPED_TRACE(testing::Message() << "formats " << f0 << ", " << f1);
+    const Weight qk = kquant_weight(f0, 8704, 2048, 30 + f0), v = kquant_weight(f1, 512, 2048, 40 + f1);
+    auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_pair_kquant(c, qk.kquant(), v.kquant()); };
+    for (int64_t M : {1, 16, 17, 32})
+      check(run, {&qk, &v}, {pj::Decode, M, {{0, 68, 1}, {68, 4, 8}}, 100, decode_row_tiles(M), M * 512 * 8 * 4}, rng);
+    // Past 32 rows, and at Prefill, two projections; v splits by the rule.
+    check(run, {&qk, &v}, {pj::Decode, 33, {{0, 68, 1}}, 68, 2, split_ws(33, 512, 2048), false}, rng);
+    check(run, {&qk, &v}, {pj::PrefillShuffledA, 20, {{0, 68, 1}}, 68, 1, 0, false}, rng);
+  }
+}
+
+// q in k-quant with k and v in bf16, geometry 3: seam 96, kv in 8 tiles by 4.
+TEST_F(ProjFused, QKvPairWithBf16Arm) {
+  select(3);
+  qt::Rng rng(22);
+  const Weight q = kquant_weight(5, 12288, 2560, 50), kv = bf16_weight(1024, 2560, rng);
+  auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
+  for (int64_t M : {3, 32})
+    check(run, {&q, &kv}, {pj::Decode, M, {{0, 96, 1}, {96, 8, 4}}, 128, decode_row_tiles(M), M * 1024 * 4 * 4}, rng);
+  check(run, {&q, &kv}, {pj::Decode, 40, {{0, 96, 1}}, 96, 2, split_ws(40, 1024, 2560), false}, rng);
+}
+
+// Gate and up at N 17408, geometry 1: an arm 1 of no more code bits runs
+// unsplit beside arm 0 (grid 272); a wider one splits by 2, or by 4 at (3, 8).
+TEST_F(ProjFused, MlpWidthPairs) {
+  select(1);
+  qt::Rng rng(23);
+  struct Pair {
+    int f0, f1, s;
+  };
+  for (const Pair& p : {Pair{6, 4, 1}, Pair{23, 20, 1}, Pair{4, 6, 2}, Pair{3, 8, 4}}) {
+    SCOPED_TRACE(testing::Message() << "formats " << p.f0 << ", " << p.f1);
+    const Weight gate = kquant_weight(p.f0, 17408, 5120, 60 + p.f0), up = kquant_weight(p.f1, 17408, 5120, 70 + p.f1);
+    auto run = [&](const pj::ProjCall& c) { pj::mlp_gate_up_pair_kquant(c, gate.kquant(), up.kquant()); };
+    for (int64_t M : {1, 17}) {
+      const int64_t ws = p.s > 1 ? M * 17408 * p.s * 4 : 0;
+      check(run, {&gate, &up}, {pj::Decode, M, {{0, 136, 1}, {136, 136, p.s}}, 136 + 136 * p.s, decode_row_tiles(M), ws},
+            rng);
+    }
+  }
+}
+
+// The linear-attention input, geometry 0: qkv (64 tiles), then the one-tile
+// bf16 arm in S2 splits, then z in 32 tiles by 8; or the three in turn.
+TEST_F(ProjFused, LinearInTriple) {
+  select(0);
+  qt::Rng rng(24);
+  const Weight ba = one_tile_bf16(2048, rng);
+  struct Fmt {
+    int f0, f1, s2;
+  };
+  for (const Fmt& f : {Fmt{4, 6, 4}, Fmt{8, 5, 2}, Fmt{3, 4, 4}}) {
+    SCOPED_TRACE(testing::Message() << "formats " << f.f0 << ", " << f.f1);
+    const Weight qkv = kquant_weight(f.f0, 8192, 2048, 80 + f.f0), z = kquant_weight(f.f1, 4096, 2048, 90 + f.f1);
+    auto run = [&](const pj::ProjCall& c) { pj::linear_in_proj_triple_kquant(c, qkv.kquant(), z.kquant(), ba.bf16()); };
+    for (int64_t M : {1, 17, 32}) {
+      const std::vector<ArmBlocks> blocks{{0, 64, 1}, {64, 1, f.s2}, {64 + f.s2, 32, 8}};
+      check(run, {&qkv, &z, &ba}, {pj::Decode, M, blocks, 64 + f.s2 + 256, decode_row_tiles(M), M * (8 * 4096 + f.s2 * 128) * 4},
+            rng);
+    }
+  }
+  // Equal formats and M past 32 run the three in turn (z splits by 2, ba by 8).
+  const Weight qkv = kquant_weight(6, 8192, 2048, 99), z = kquant_weight(6, 4096, 2048, 98);
+  auto run = [&](const pj::ProjCall& c) { pj::linear_in_proj_triple_kquant(c, qkv.kquant(), z.kquant(), ba.bf16()); };
+  check(run, {&qkv, &z, &ba}, {pj::Decode, 5, {{0, 64, 1}}, 64, 1, std::max(split_ws(5, 4096, 2048), split_ws(5, 128, 2048)), false}, rng);
+  const Weight z4 = kquant_weight(4, 4096, 2048, 97);
+  auto run4 = [&](const pj::ProjCall& c) { pj::linear_in_proj_triple_kquant(c, qkv.kquant(), z4.kquant(), ba.bf16()); };
+  check(run4, {&qkv, &z4, &ba}, {pj::Decode, 33, {{0, 64, 1}}, 64, 2, std::max(split_ws(33, 4096, 2048), split_ws(33, 128, 2048)), false}, rng);
+}
+
+// Eight records: group g reads its own [M, 4096] block of A and writes
+// columns g * 1024 of [M, 8192].
+TEST_F(ProjFused, GroupedEightRecords) {
+  qt::Rng rng(25);
+  for (int F : {4, 23}) {
+    std::vector<Weight> w;
+    gc::KQuantPlanes planes[8];
+    for (int g = 0; g < 8; ++g) {
+      w.push_back(kquant_weight(F, 1024, 4096, 200 + 8 * F + g));
+      planes[g] = w.back().kquant().planes;
+    }
+    for (int64_t M : {1, 16, 33}) {
+      SCOPED_TRACE(testing::Message() << "format " << F << " M=" << M);
+      const auto A = gt::int_bf16(rng, (size_t)(8 * M * 4096), -3, 3);
+      qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * 8192 * 2));
+      const int64_t rt = M > 16 ? (M + 31) / 32 : 1;
+      std::vector<ArmBlocks> blocks;
+      for (int g = 0; g < 8; ++g) blocks.push_back({8 * g, 8, 1});
+      sample(blocks, 64, rt);
+      pj::grouped_kquant(F, a.get(), planes, c.get(), M, nullptr);
+      ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+      EXPECT_TRUE(c.guards_intact());
+      const auto C = c.download<uint16_t>();
+      for (int g = 0; g < 8; ++g) {
+        std::vector<uint16_t> out((size_t)(M * 1024));
+        for (int64_t m = 0; m < M; ++m)
+          std::copy_n(C.begin() + m * 8192 + g * 1024, 1024, out.begin() + m * 1024);
+        const std::vector<float> fa = gt::floats_of({A.begin() + g * M * 4096, A.begin() + (g + 1) * M * 4096});
+        expect_arm(out, fa, w[(size_t)g], true, M, true);
+      }
+    }
+  }
+}
+
+TEST_F(ProjFused, Failures) {
+  select(0);
+  qt::DevBuf a(64 * 2048 * 2), c(64 * 9216 * 2);
+  const pj::FormKQuant::Weight q4{4, {nullptr, nullptr}}, q5{5, {nullptr, nullptr}}, q2{2, {nullptr, nullptr}};
+  pj::ProjCall call{a.get(), c.get(), 32, pj::Decode, nullptr, nullptr, nullptr};
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q5, q5),
+                       "the segmented pair is for halves stored at DIFFERENT widths; both arrived at k-quant 5, which "
+                       "is the fused weight's job");
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q4, q5),
+                       "the segmented pair's split arm needs its fp32 partials (got null)");
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_q_kv_kquant(call, q4, nullptr),
+                       "the segmented pair's split arm needs its fp32 partials (got null)");
+  EXPECT_QUILLON_FATAL(pj::linear_in_proj_triple_kquant(call, q4, q5, nullptr),
+                       "the triple's two split arms need their fp32 partials (got null)");
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q4, q2),
+                       "k-quant format 2 is not in this build's dense-projection set (kquant_sets)");
+  EXPECT_QUILLON_FATAL(pj::grouped_kquant(2, nullptr, {}, nullptr, 1, nullptr),
+                       "k-quant format 2 is not in this build's dense-projection set (kquant_sets)");
+  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q5), "geometry 0 does not carry this op");
+  // Past 32 rows, or at Prefill, the arms run in turn by name with no format test.
+  call.mode = pj::Prefill;
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q5, q5),
+                       "qkv_proj_qk_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
+  EXPECT_QUILLON_FATAL(pj::qkv_proj_q_kv_kquant(call, q5, nullptr),
+                       "qkv_proj_q_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
+  EXPECT_QUILLON_FATAL(pj::linear_in_proj_triple_kquant(call, q4, q5, nullptr),
+                       "linear_in_proj_qkv_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
+  select(1);
+  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q4),
+                       "mlp_gate_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
+  call.mode = pj::Decode;
+  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q4),
+                       "the segmented pair is for halves stored at DIFFERENT widths; both arrived at k-quant 4, which "
+                       "is the fused weight's job");
+  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q5),
+                       "the segmented pair's split arm needs its fp32 partials (got null)");
+}
+
+// Nothing runs at M = 0, whatever the formats.
+TEST_F(ProjFused, NothingAtMZero) {
+  select(0);
+  qt::DevBuf c(64);
+  const pj::FormKQuant::Weight q5{5, {nullptr, nullptr}};
+  const pj::ProjCall call{nullptr, c.get(), 0, pj::Decode, nullptr, nullptr, nullptr};
+  pj::qkv_proj_pair_kquant(call, q5, q5);
+  pj::linear_in_proj_triple_kquant(call, q5, q5, nullptr);
+  pj::grouped_kquant(2, nullptr, {}, nullptr, 0, nullptr);
+  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  for (uint8_t b : c.download<uint8_t>()) ASSERT_EQ(b, 0xFF);
+}
+
+}  // namespace
