@@ -1,8 +1,10 @@
 # The named projections: one row per (name, weight form) with its K:N per
 # geometry. From this one table the build generates
-#   - one unit per distinct (form, K, N) (per format for k-quant) holding the
-#     shape's kernels: prefill, decode at row tiles 16 and 32, and every split
-#     count its K allows at both row tiles;
+#   - one unit per weight form and K (per format for k-quant, per N for fp8)
+#     holding its shapes and their kernels: prefill, decode at row tiles 16
+#     and 32, and every split count its K allows at both row tiles;
+#   - the fused decode launches, one unit per kind, geometry and first-arm
+#     format (see QUILLON_PROJ_FUSED_TABLE below);
 #   - the named entries with their scratch functions, and the header that
 #     declares them and keeps the shapes from being instantiated elsewhere.
 # QUILLON_PROJ_GEOMETRIES bounds which geometries are instantiated; a name
@@ -50,6 +52,7 @@ quillon_kquant_set(DenseProjection _quillon_proj_formats)
 set(_proj_dir ${CMAKE_BINARY_DIR}/generated)
 set(QUILLON_PROJ_INSTANCE_SOURCES "")
 set(_proj_shapes "")
+set(_proj_units "")
 set(_proj_decls "")
 set(_proj_externs "")
 set(_proj_defs "")
@@ -101,16 +104,14 @@ foreach(row IN LISTS QUILLON_PROJ_TABLE)
       string(REGEX REPLACE "[^A-Za-z0-9]+" "_" tag "${w}")
       set(SHAPE "ProjShape<gemm_core::${w}, ${K}, ${N}>")
       string(APPEND _proj_externs "extern template struct ${SHAPE};\n")
-      set(_out ${_proj_dir}/proj/proj_${tag}_${K}_${N}.cpp)
-      file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
-"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: one projection shape.
-#include \"gemm_core/gemm_proj_core.h\"
-
-namespace quillon::proj {
-template struct @SHAPE@;
-}  // namespace quillon::proj
-")
-      list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
+      # Shapes of one weight form and K share their kernels (N is not part of
+      # a Config but for fp8, whose tag carries it): one unit compiles them once.
+      set(ukey "${tag}_${K}")
+      if(NOT ukey IN_LIST _proj_units)
+        list(APPEND _proj_units ${ukey})
+        set(_unit_${ukey} "")
+      endif()
+      string(APPEND _unit_${ukey} "template struct ${SHAPE};\n")
     endforeach()
   endforeach()
   # A name with no geometry in this build still exists: it fails with the
@@ -119,6 +120,19 @@ template struct @SHAPE@;
   string(APPEND _proj_decls "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w);\nint64_t ${NAME}_scratch_bytes(int64_t M);\n")
   string(APPEND _proj_defs "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w) {\n  run_named<${FORM_T}>(\"${NAME}\", c, w${_ats});\n}\n")
   string(APPEND _proj_defs "int64_t ${NAME}_scratch_bytes(int64_t M) { return scratch_named(M${_ats}); }\n")
+endforeach()
+
+foreach(ukey IN LISTS _proj_units)
+  set(_out ${_proj_dir}/proj/proj_${ukey}.cpp)
+  file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the projection
+// shapes of one weight form and K.
+#include \"gemm_core/gemm_proj_core.h\"
+
+namespace quillon::proj {
+${_unit_${ukey}}}  // namespace quillon::proj
+")
+  list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
 endforeach()
 
 function(_quillon_proj_unit out content)
