@@ -108,6 +108,7 @@ constexpr int bf16_arm_splits(int64_t K, int want) {
   while (s > 1 && K / s < 512) s /= 2;
   return s;
 }
+
 inline void require_pair_ws(const float* ws) {
   if (ws == nullptr) QUILLON_FATAL("the segmented pair's split arm needs its fp32 partials (got null)");
 }
