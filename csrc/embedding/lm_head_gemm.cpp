@@ -26,6 +26,14 @@ void on_lm_head_geometry(F&& f) {
   on_geometry<Qwen36MoeA3B, Qwen3627B, DeepSeekV4Flash, Qwen38FlashNext>(QUILLON_HERE, f);
 }
 
+// A size of the active geometry's head: size(vocab, hidden).
+template <class F>
+int64_t head_size(F&& size) {
+  int64_t bytes = 0;
+  on_lm_head_geometry([&](auto g) { bytes = size(decltype(g)::vocab_size, decltype(g)::hidden_size); });
+  return bytes;
+}
+
 void check_decode_rows(int64_t M) {
   if (M < 1) QUILLON_FATAL("lm_head decode takes at least one row, got %lld", (long long)M);
 }
@@ -78,12 +86,7 @@ void lm_head_gemm_prefill(const void* x, const void* w, void* scratch, float* lo
 }
 
 int64_t lm_head_prefill_scratch_bytes(int64_t M) {
-  int64_t bytes = 0;
-  on_lm_head_geometry([&](auto g) {
-    using G = decltype(g);
-    bytes = M > 0 ? PrefillTile::padded_rows(M) * G::hidden_size * 2 : 0;
-  });
-  return bytes;
+  return head_size([&](int64_t, int64_t H) { return M > 0 ? PrefillTile::padded_rows(M) * H * 2 : 0; });
 }
 
 int64_t lm_head_scratch_bytes(int64_t M) {
@@ -101,28 +104,13 @@ void lm_head_kquant_shuffle_weight(int32_t format, const void* gguf_src, void* q
 
 // The sizing queries read the geometry before the format.
 int64_t lm_head_kquant_quant_bytes(int32_t format) {
-  int64_t bytes = 0;
-  on_lm_head_geometry([&](auto g) {
-    using G = decltype(g);
-    bytes = kquant_quant_bytes(format, G::vocab_size, G::hidden_size);
-  });
-  return bytes;
+  return head_size([&](int64_t V, int64_t H) { return kquant_quant_bytes(format, V, H); });
 }
 int64_t lm_head_kquant_meta_bytes(int32_t format) {
-  int64_t bytes = 0;
-  on_lm_head_geometry([&](auto g) {
-    using G = decltype(g);
-    bytes = kquant_meta_bytes(format, G::vocab_size, G::hidden_size);
-  });
-  return bytes;
+  return head_size([&](int64_t V, int64_t H) { return kquant_meta_bytes(format, V, H); });
 }
 int64_t lm_head_kquant_gguf_bytes(int32_t format) {
-  int64_t bytes = 0;
-  on_lm_head_geometry([&](auto g) {
-    using G = decltype(g);
-    bytes = kquant_gguf_bytes(format, G::vocab_size, G::hidden_size);
-  });
-  return bytes;
+  return head_size([&](int64_t V, int64_t H) { return kquant_gguf_bytes(format, V, H); });
 }
 
 void lm_head_kquant(int32_t format, const void* x, const void* quant, const void* meta, float* logits, int64_t M,

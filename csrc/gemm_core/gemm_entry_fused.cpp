@@ -31,16 +31,27 @@ void require_different(int32_t f0, int32_t f1) {
                   f0);
 }
 
+using KQuantEntry = void (*)(const ProjCall&, const FormKQuant::Weight&);
+
+// Two k-quant projections at different widths: one fused launch, or `first`
+// then `second` after first's columns.
+template <template <class, int> class Fused, class At>
+void kquant_pair(At at, const ProjCall& c, const FormKQuant::Weight& w0, const FormKQuant::Weight& w1,
+                 KQuantEntry first, KQuantEntry second, KN (*shape)(int32_t)) {
+  if (c.M <= 0) return;
+  if (!fused_road(c)) {
+    first(c, w0);
+    return second(after(c, shape(active_geometry()).N), w1);
+  }
+  require_different(w0.format, w1.format);
+  run_fused<Fused>(at, w0.format, c, w0.planes, w1.format, w1.planes);
+}
+
 }  // namespace
 
 void qkv_proj_pair_kquant(const ProjCall& c, const FormKQuant::Weight& qk, const FormKQuant::Weight& v) {
-  if (c.M <= 0) return;
-  if (!fused_road(c)) {
-    qkv_proj_qk_kquant(c, qk);
-    return qkv_proj_v_kquant(after(c, qkv_proj_qk_kquant_shape(active_geometry()).N), v);
-  }
-  require_different(qk.format, v.format);
-  run_fused<FusedQkvPair>(FusedQkvPairAt{}, qk.format, c, qk.planes, v.format, v.planes);
+  kquant_pair<FusedQkvPair>(FusedQkvPairAt{}, c, qk, v, qkv_proj_qk_kquant, qkv_proj_v_kquant,
+                            qkv_proj_qk_kquant_shape);
 }
 
 void qkv_proj_q_kv_kquant(const ProjCall& c, const FormKQuant::Weight& q, const uint16_t* kv) {
@@ -53,13 +64,7 @@ void qkv_proj_q_kv_kquant(const ProjCall& c, const FormKQuant::Weight& q, const 
 }
 
 void mlp_gate_up_pair_kquant(const ProjCall& c, const FormKQuant::Weight& gate, const FormKQuant::Weight& up) {
-  if (c.M <= 0) return;
-  if (!fused_road(c)) {
-    mlp_gate_kquant(c, gate);
-    return mlp_up_kquant(after(c, mlp_gate_kquant_shape(active_geometry()).N), up);
-  }
-  require_different(gate.format, up.format);
-  run_fused<FusedMlpPair>(FusedMlpPairAt{}, gate.format, c, gate.planes, up.format, up.planes);
+  kquant_pair<FusedMlpPair>(FusedMlpPairAt{}, c, gate, up, mlp_gate_kquant, mlp_up_kquant, mlp_gate_kquant_shape);
 }
 
 // Equal formats are no fault here: the three run in turn.

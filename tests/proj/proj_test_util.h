@@ -101,6 +101,15 @@ inline Weight kquant_weight(int F, int64_t N, int64_t K, uint64_t seed) {
   return w;
 }
 
+// A one-tile bf16 weight (N = 128): both live tiles are tile 0, so the
+// source's second half is what the product sees.
+inline Weight one_tile_bf16(int64_t K, qt::Rng& rng) {
+  Weight w = bf16_weight(128, K, rng);
+  std::copy(w.decode_w.begin() + 128 * K, w.decode_w.end(), w.decode_w.begin());
+  w.prefill_w = w.decode_w;
+  return w;
+}
+
 // The live columns of C.
 inline std::vector<uint16_t> live(const std::vector<uint16_t>& C, int64_t M, int64_t N) {
   std::vector<uint16_t> r((size_t)(M * 256));

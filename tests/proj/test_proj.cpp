@@ -117,14 +117,8 @@ TEST_F(Proj, Bf16Projections) {
 }
 
 TEST_F(Proj, Bf16SingleTileWithPrefillFromRowMajorA) {
-  // N = 128: both live tiles are tile 0, so the source's second half wins.
   qt::Rng rng(2);
-  Weight w = bf16_weight(128, 2048, rng);
-  std::vector<float> last(w.decode_w.begin() + 128 * 2048, w.decode_w.end());
-  w.decode_w.resize(256 * 2048);
-  std::copy(last.begin(), last.end(), w.decode_w.begin());
-  w.prefill_w = w.decode_w;
-  paths(bf16_entry(pj::linear_in_proj_ba), w, true, true, rng);
+  paths(bf16_entry(pj::linear_in_proj_ba), one_tile_bf16(2048, rng), true, true, rng);
 }
 
 TEST_F(Proj, Fp8Projections) {

@@ -37,16 +37,6 @@ int64_t decode_row_tiles(int64_t M) { return M > 16 ? (M + 31) / 32 : 1; }
 // Partials of a projection that runs on its own, at this device's split.
 int64_t split_ws(int64_t M, int64_t N, int64_t K) { return want_splits(N, K, quillon::num_cus_p2()) * M * N * 4; }
 
-// A one-tile bf16 weight (N = 128): both live tiles are tile 0, so the
-// source's second half is what the product sees.
-Weight one_tile_bf16(int64_t K, qt::Rng& rng) {
-  Weight w = bf16_weight(128, K, rng);
-  w.decode_w.erase(w.decode_w.begin(), w.decode_w.begin() + 128 * K);
-  w.decode_w.insert(w.decode_w.end(), w.decode_w.begin(), w.decode_w.end());
-  w.prefill_w = w.decode_w;
-  return w;
-}
-
 struct Case {
   int mode;
   int64_t M;
