@@ -1,9 +1,12 @@
 # Flavour-wide compile settings. Both flavours: clang-19, no fp contraction (every
 # fused multiply-add is an explicit fmaf), only quillon_* exported, and __FILE__
-# relative to the source root so fatal messages carry stable paths.
+# relative to the source root so fatal messages carry stable paths. ccache with a
+# base directory hands the compiler paths relative to the build dir, hence both maps.
+file(RELATIVE_PATH QUILLON_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+set(QUILLON_PREFIX_MAPS -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${QUILLON_SOURCE_FROM_BUILD}/=)
 set(QUILLON_COMMON_FLAGS
   -ffp-contract=off -fvisibility=hidden -fvisibility-inlines-hidden
-  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=
+  ${QUILLON_PREFIX_MAPS}
   -Wall -Wextra -Wno-unused-parameter -Wno-unused-function -Wno-unused-result)
 
 if(QUILLON_FLAVOUR STREQUAL "hip")
