@@ -3,6 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install_deps.sh
+python3 tools/check_toolchain.py "${QUILLON_VENV:-build/venv}/bin/python"
 bash tools/build.sh hip
 bash tools/build.sh cpu
 echo

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <hip/hip_runtime_api.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -98,11 +99,26 @@ class DevBuf {
   size_t bytes_ = 0;
 };
 
-// Regex for a fatal message: the library's prefix with any path and line, then
-// the exact text.
+// A fatal message as the whole tail of stderr: the library's prefix with any
+// path and line, the exact text, one newline, and nothing after it.
 inline std::string fatal_re(const std::string& msg) {
   static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-  return "\\[quillon\\] [^:]+:[0-9]+: " + std::regex_replace(msg, special, R"(\$&)");
+  return "(^|\n)\\[quillon\\] [^:\n]+:[0-9]+: " + std::regex_replace(msg, special, R"(\$&)") + "\n$";
+}
+class FatalTail : public ::testing::MatcherInterface<const std::string&> {
+ public:
+  explicit FatalTail(const std::string& msg) : text_(msg), re_(fatal_re(msg)) {}
+  bool MatchAndExplain(const std::string& err, ::testing::MatchResultListener*) const override {
+    return std::regex_search(err, re_);
+  }
+  void DescribeTo(std::ostream* os) const override { *os << "ends with the fatal message: " << text_; }
+
+ private:
+  std::string text_;
+  std::regex re_;
+};
+inline ::testing::Matcher<const std::string&> fatal_message(const std::string& msg) {
+  return ::testing::MakeMatcher(new FatalTail(msg));
 }
 
 // Index of the first differing element, or -1.
@@ -116,8 +132,10 @@ inline int64_t first_mismatch(const std::vector<T>& a, const std::vector<T>& b) 
 
 }  // namespace qt
 
-// Death test with the exact message after "[quillon] <path>:<line>: ".
-#define EXPECT_QUILLON_FATAL(stmt, msg) EXPECT_DEATH(stmt, ::qt::fatal_re(msg))
+// A broken contract: the process aborts, and stderr ends with exactly the
+// message after "[quillon] <path>:<line>: ".
+#define EXPECT_QUILLON_FATAL(stmt, msg) \
+  EXPECT_EXIT(stmt, ::testing::KilledBySignal(SIGABRT), ::qt::fatal_message(msg))
 
 // Bit-exact comparison with a readable first difference.
 #define EXPECT_BITS_EQ(got, want)                                                     \

@@ -42,9 +42,10 @@ TEST(Record, ExactColumnsForEveryGeometry) {
   }
 }
 
+// Selection is process-wide: these children re-run the executable for this one
+// case, so they start with nothing selected however the suite is run.
 TEST(Selection, FreshProcessHasNothingSelected) {
-  // Death-test children start from a fresh image of the state at fork, so check
-  // in a child before anything selects.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         std::exit(quillon_active_geometry() == -1 && quillon_active_draft() == -1 && quillon_abi_version() == 56
@@ -134,9 +135,7 @@ TEST(Small, PureFunctions) {
 }
 
 TEST(FrameDeathTest, ConfigWithoutSelection) {
-  // Nothing can unselect a geometry, so this needs a process of its own (CTest
-  // runs every case in one).
-  if (quillon_active_geometry() != -1) GTEST_SKIP() << "a geometry is already selected in this process";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_QUILLON_FATAL(
       {
         QuillonModelConfig c;

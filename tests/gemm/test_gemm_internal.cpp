@@ -11,7 +11,7 @@
 #include "gemm_core/gemm_kernel.h"
 #include "gemm_core/gemm_shuffle.h"
 #include "gemm_test_util.h"
-#include "platform/cpu/qcpu.h"
+#include "common/device_ext.h"
 #include "reference/shuffle_ref.h"
 
 namespace {
@@ -50,6 +50,7 @@ TEST(GemmInternal, SplitRule) {
 }
 
 TEST(GemmInternal, WorkgroupOrderCoversEveryTileOnce) {
+  QT_NEEDS_CPU_DEVICE("which workgroup wrote which tile");
   // Only the sampled workgroups run; each must write exactly the tile the
   // 4-row-tile walk assigns it and nothing else. Mt = 5 leaves a last group of
   // height 1, Mt = 3 one of height 3.
@@ -63,7 +64,7 @@ TEST(GemmInternal, WorkgroupOrderCoversEveryTileOnce) {
     const int64_t total = Nt * Mt;
     std::vector<int64_t> sample = {0, 1, 2, total / 2, total - 2, total - 1};
     if (4 * Nt < total) sample.push_back(4 * Nt);  // first block of the short last group
-    qcpu_sample_next_launch(sample.data(), (int)sample.size());
+    qt::sample_next_launch(sample);
     quillon::gemm_bf16_shuffled(a.get(), b.get(), c.as<bf16>(), M, N, K, nullptr, nullptr);
     QT_HIP(hipStreamSynchronize(nullptr));
     QT_HIP(hipGetLastError());

@@ -12,7 +12,6 @@
 #include "proj_test_util.h"
 #include "device/device_config.h"
 #include "gemm_core/gemm_entry_proj.h"
-#include "platform/cpu/qcpu.h"
 
 namespace {
 
@@ -49,12 +48,12 @@ void sample_decode(int64_t N, int64_t M, int MT, int S) {
     for (int64_t y = 0; y < mt; ++y)
       for (int64_t x : {int64_t(0), nt - 1}) ids.push_back(x + nt * (y + mt * z));
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  qcpu_sample_next_launch(ids.data(), (int)ids.size());
+  qt::sample_next_launch(ids);
 }
 // Up to 256 rows the prefill grid is the column tiles in order.
 void sample_prefill(int64_t N) {
   const int64_t ids[] = {0, N / 128 - 1};
-  qcpu_sample_next_launch(ids, N > 128 ? 2 : 1);
+  qt::sample_next_launch(ids, N > 128 ? 2 : 1);
 }
 
 // One call at (mode, M): compares the live columns exactly (integer A) or

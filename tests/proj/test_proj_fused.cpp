@@ -31,7 +31,7 @@ void sample(const std::vector<ArmBlocks>& arms, int64_t gx, int64_t row_tiles) {
         for (int64_t t : {int64_t(0), a.tiles - 1}) ids.push_back(a.first + s * a.tiles + t + gx * y);
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  qcpu_sample_next_launch(ids.data(), (int)ids.size());
+  qt::sample_next_launch(ids);
 }
 int64_t decode_row_tiles(int64_t M) { return M > 16 ? (M + 31) / 32 : 1; }
 // Partials of a projection that runs on its own, at this device's split.
@@ -71,10 +71,10 @@ void check(const std::function<void(const pj::ProjCall&)>& run, const std::vecto
     call.A = scratch.get();
   }
   if (!k.blocks.empty()) sample(k.blocks, k.gx, k.row_tiles);
-  const uint64_t wmma0 = qcpu_wmma_count();
+  const auto wmma0 = qt::wmma_count();
   run(call);
   ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  if (k.fused) EXPECT_EQ(qcpu_wmma_count() - wmma0, fused_wmma(k, K)) << "not the one fused launch";
+  if (k.fused && wmma0) EXPECT_EQ(*qt::wmma_count() - *wmma0, fused_wmma(k, K)) << "not the one fused launch";
   EXPECT_TRUE(c.guards_intact() && ws.guards_intact());
   const auto C = c.download<uint16_t>();
   const auto fa = gt::floats_of(A);

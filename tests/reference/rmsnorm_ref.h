@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "hw_math.h"
 #include "ref_bits.h"
 
 namespace ref {
@@ -19,8 +20,8 @@ inline uint16_t round_bf16(float f) {
 inline float through_bf16(float f) { return widen(round_bf16(f)); }
 
 inline float rsq_care(float m) {
-  if (m < 0x1p-126f) return (1.0f / std::sqrt(m * 0x1p24f)) * 0x1p12f;
-  return 1.0f / std::sqrt(m);
+  if (m < 0x1p-126f) return hw_rsq(m * 0x1p24f) * 0x1p12f;
+  return hw_rsq(m);
 }
 
 // One adjacent pair: a multiply, then an fma.
@@ -122,7 +123,7 @@ inline std::vector<uint16_t> to_blk32(const std::vector<uint16_t>& rowmajor, int
   return p;
 }
 
-inline float sigmoid(float g) { return 1.0f / (1.0f + std::exp2(-g * from_bits(0x3FB8AA3Bu))); }
+inline float sigmoid(float g) { return 1.0f / (1.0f + hw_exp2(-g * from_bits(0x3FB8AA3Bu))); }
 // The gate applied to y: y sigmoid(g), or y (g sigmoid(g)).
 inline float gated(float y, float g, bool sigmoid_gate) {
   const float sg = sigmoid(g);

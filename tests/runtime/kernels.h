@@ -143,6 +143,12 @@ __global__ void lds_probe_kernel(uint32_t* out) {
 
 __global__ void empty_kernel() {}
 
+// out[t] = perm(hi, lo, selector) of triple t.
+__global__ void perm_kernel(const uint32_t* in, uint32_t* out) {
+  const uint32_t t = threadIdx.x;
+  out[t] = dev::perm(in[3 * t], in[3 * t + 1], in[3 * t + 2]);
+}
+
 __global__ void math_kernel(const float* x, float* out) {
   const uint32_t t = threadIdx.x;
   float v = x[t];

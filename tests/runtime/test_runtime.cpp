@@ -1,5 +1,6 @@
 // The CPU device runtime: barriers, wave collectives, WMMA, bounded loads,
 // atomics, co-resident launches, launch errors, schedules and block sampling.
+// On a GPU the device-layer cases run; the CPU device's own checks skip.
 #include <unistd.h>
 
 #include <cmath>
@@ -9,7 +10,7 @@
 
 #include "common/test_util.h"
 #include "kernels.h"
-#include "platform/cpu/qcpu.h"
+#include "common/device_ext.h"
 
 using namespace rt;
 using qt::DevBuf;
@@ -75,9 +76,11 @@ TEST(Wave, EveryOperationFullAndPartialWaves) {
 
 TEST(Wave, BytePermuteMatchesHardwareSelectorRules) {
   // 0..7 pick bytes of {hi:lo}; 12 gives 0x00; 13..15 give 0xff; 8..11 spread a sign bit.
-  EXPECT_EQ(quillon::dev::perm(0x80ff7f01u, 0x44332211u, 0x07060504u), 0x80ff7f01u);
-  EXPECT_EQ(quillon::dev::perm(0x80ff7f01u, 0x44332211u, 0x0c0d0003u), 0x00ff1144u);
-  EXPECT_EQ(quillon::dev::perm(0x80ff7f01u, 0x44332211u, 0x0b0a0908u), 0xff000000u);
+  const std::vector<uint32_t> in = {0x80ff7f01u, 0x44332211u, 0x07060504u, 0x80ff7f01u, 0x44332211u, 0x0c0d0003u,
+                                    0x80ff7f01u, 0x44332211u, 0x0b0a0908u};
+  DevBuf din = DevBuf::from(in), out(3 * 4);
+  ASSERT_EQ(launch(&perm_kernel, dim3(1), dim3(3), 0, nullptr, din.as<uint32_t>(), out.as<uint32_t>()), hipSuccess);
+  EXPECT_EQ(out.download<uint32_t>(), (std::vector<uint32_t>{0x80ff7f01u, 0x00ff1144u, 0xff000000u}));
 }
 
 void run_wmma(const std::vector<uint16_t>& a, const std::vector<uint16_t>& b, const std::vector<float>& c,
@@ -119,6 +122,7 @@ TEST(Wmma, IdentityOneHotAndIntegerOperands) {
 }
 
 TEST(WmmaDeathTest, LanesMustDuplicateOperands) {
+  QT_NEEDS_CPU_DEVICE("its operand check");
   DevBuf d(32 * 4);
   EXPECT_DEATH((void)launch(&wmma_bad_dup_kernel, dim3(1), dim3(32), 0, nullptr, d.as<float>()),
                "lane 16 carries operands that differ from lane 0");
@@ -165,6 +169,7 @@ TEST(CoResident, DeviceWideBarrierSeveralTimes) {
 }
 
 TEST(Launch, ErrorsAreReturnedOnceThenCleared) {
+  QT_NEEDS_CPU_DEVICE("its launch checks");
   (void)hipGetLastError();
   EXPECT_EQ(launch(&empty_kernel, dim3(1), dim3(1025), 0, nullptr), hipErrorInvalidConfiguration);
   EXPECT_EQ(hipGetLastError(), hipErrorInvalidConfiguration);
@@ -185,16 +190,18 @@ TEST(Launch, DynamicLdsIsPerWorkgroup) {
 }
 
 TEST(BarrierDeathTest, TwoCallSitesAreReportedWithBothLocations) {
+  QT_NEEDS_CPU_DEVICE("its divergence check");
   DevBuf out(64 * 4);
   EXPECT_DEATH((void)launch(&divergent_barrier_kernel, dim3(1), dim3(64), 0, nullptr, out.as<uint32_t>()),
                "block barrier divergence.*kernels\\.h:[0-9]+.*kernels\\.h:[0-9]+");
 }
 
 TEST(Sampling, UnrunWorkgroupsLeaveOutputUntouched) {
+  QT_NEEDS_CPU_DEVICE("block sampling");
   const int blocks = 10, threads = 64;
   DevBuf out(blocks * threads * 4);
   const int64_t pick[] = {0, 4, 9};
-  qcpu_sample_next_launch(pick, 3);
+  qt::sample_next_launch(pick, 3);
   ASSERT_EQ(launch(&fill_kernel, dim3(blocks), dim3(threads), 0, nullptr, out.as<uint32_t>(), 7u), hipSuccess);
   auto got = out.download<uint32_t>();
   for (int b = 0; b < blocks; ++b)
@@ -206,6 +213,7 @@ TEST(Sampling, UnrunWorkgroupsLeaveOutputUntouched) {
 }
 
 TEST(Math, CpuFlavourMatchesLibm) {
+  QT_NEEDS_CPU_DEVICE("its libm functions");
   std::vector<float> x = {0.5f, -1.25f, 3.0f, 1e-3f, -7.5f, 2.0f, 0.0f, 20.0f};
   DevBuf dx = DevBuf::from(x), out(x.size() * 8 * 4);
   ASSERT_EQ(launch(&math_kernel, dim3(1), dim3((unsigned)x.size()), 0, nullptr, dx.as<float>(), out.as<float>()),
@@ -262,6 +270,7 @@ std::string probe(const char* schedule, const char* key) {
 }
 
 TEST(Schedule, RaceFreeKernelIsIdenticalUnderEveryOrder) {
+  QT_NEEDS_CPU_DEVICE("schedules");
   const std::string fwd = probe("forward", "RACEFREE");
   ASSERT_FALSE(fwd.empty());
   EXPECT_EQ(probe("reverse", "RACEFREE"), fwd);
@@ -269,12 +278,14 @@ TEST(Schedule, RaceFreeKernelIsIdenticalUnderEveryOrder) {
 }
 
 TEST(Schedule, RacyKernelDiffersBetweenOrders) {
+  QT_NEEDS_CPU_DEVICE("schedules");
   // The last writer wins: thread 255 when lanes run forward, thread 0 in reverse.
   EXPECT_EQ(probe("forward", "RACY"), "RACY 255\n");
   EXPECT_EQ(probe("reverse", "RACY"), "RACY 0\n");
 }
 
 TEST(Memory, GuardPageStopsAnOverrun) {
+  QT_NEEDS_CPU_DEVICE("guard pages");
   void* p = nullptr;
   ASSERT_EQ(hipMalloc(&p, 4096), hipSuccess);
   EXPECT_DEATH(static_cast<volatile char*>(p)[4096] = 1, "");
@@ -284,6 +295,7 @@ TEST(Memory, GuardPageStopsAnOverrun) {
 }
 
 TEST(Device, PropertiesReportTwentyProcessors) {
+  QT_NEEDS_CPU_DEVICE("its modelled properties");
   hipDeviceProp_t prop;
   int dev = -1;
   ASSERT_EQ(hipGetDevice(&dev), hipSuccess);

@@ -2,6 +2,7 @@
 // signatures: device memory is host memory, and every stream operation runs
 // to completion before the call returns, which keeps stream order trivially.
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -23,6 +24,23 @@ struct ihipEvent_t {
 
 namespace qcpu {
 namespace {
+// 20 as the modelled chip has; QUILLON_CPU_MULTIPROCESSORS (1..512) stands in
+// for another device so a test can see that the library asks.
+int multiprocessors() {
+  static const int n = [] {
+    const char* e = std::getenv("QUILLON_CPU_MULTIPROCESSORS");
+    if (!e) return 20;
+    char* end = nullptr;
+    const long v = std::strtol(e, &end, 10);
+    if (*e < '0' || *e > '9' || *end != '\0' || v < 1 || v > 512) {
+      std::fprintf(stderr, "QUILLON_CPU_MULTIPROCESSORS must be an integer in 1..512 (got \"%s\")\n", e);
+      std::abort();
+    }
+    return (int)v;
+  }();
+  return n;
+}
+
 thread_local hipError_t tl_last = hipSuccess;
 
 struct Mapping {
@@ -146,7 +164,7 @@ QCPU_EXPORT hipError_t hipGetDeviceProperties(hipDeviceProp_t* p, int d) {
   p->maxGridSize[0] = 0x7fffffff;
   p->maxGridSize[1] = 65535;
   p->maxGridSize[2] = 65535;
-  p->multiProcessorCount = 20;
+  p->multiProcessorCount = multiprocessors();
   p->maxThreadsPerMultiProcessor = 2048;
   p->major = 11;
   p->minor = 5;
