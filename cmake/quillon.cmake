@@ -3,6 +3,7 @@
 # relative to the source root so fatal messages carry stable paths. ccache with a
 # base directory hands the compiler paths relative to the build dir, hence both maps.
 file(RELATIVE_PATH QUILLON_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" QUILLON_SOURCE_FROM_BUILD "${QUILLON_SOURCE_FROM_BUILD}")
 set(QUILLON_PREFIX_MAPS -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${QUILLON_SOURCE_FROM_BUILD}/=)
 set(QUILLON_COMMON_FLAGS
   -ffp-contract=off -fvisibility=hidden -fvisibility-inlines-hidden
