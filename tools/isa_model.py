@@ -32,11 +32,12 @@ SIMDS = CUS * SIMDS_PER_CU
 # SIMDs at 2.9 GHz a SIMD does 256 per cycle, so it holds the SIMD 32 cycles.
 WMMA_CYCLES = 2 * 16 * 16 * 16 / (MATRIX_FLOPS / SIMDS / CLOCK_HZ)
 DRAM_PER_SIMD = DRAM_BYTES_S / SIMDS / CLOCK_HZ  # bytes per cycle per SIMD
+EXECZ_SHORT = 24
 # Assumed, with the two ends the model is run at: (fast end, slow end).
 ENDS = {
     "multi_cycle": (1, 4),       # transcendental, 32-bit integer multiply, f64: cycles each
     "salu_hidden": (True, False),  # SALU of one wave issues beside another wave's VALU
-    "execz_skipped": (True, False),  # blocks behind s_cbranch_execz skipped (uniform lanes) or run
+    "execz_skipped": (True, False),  # short blocks behind s_cbranch_execz skipped (uniform lanes) or run
     "lds_per_cu": (128, 64),     # LDS bytes per cycle per compute unit
     "vmem_per_cu": (128, 64),    # vector memory request bytes per cycle per compute unit (L0)
     "latency_ns": (400, 800),    # DRAM latency a wave waits on
@@ -46,7 +47,7 @@ ENDS_TEXT = [
     "matrix instruction %.0f cycles (8192 flops at the published rate)" % WMMA_CYCLES,
     "VALU 1 cycle, a VOPD pair 1 cycle; transcendental, integer multiply, f64: 1..4 cycles",
     "SALU hidden behind other waves' VALU .. serialised with the wave's own VALU",
-    "blocks behind s_cbranch_execz skipped .. executed",
+    "short blocks (up to %d instructions) behind s_cbranch_execz skipped .. executed" % EXECZ_SHORT,
     "LDS 128..64 B/cycle/CU; vector memory requests 128..64 B/cycle/CU",
     "DRAM latency 400..800 ns, covered by the waves of the ISA report's occupancy",
     "decode: DRAM bytes = the weight format's bytes (16 columns per wave, shared by the two waves of a 32-row tile);"
@@ -113,12 +114,15 @@ def count(body, span):
     """Per-wave counts of one trip."""
     c = Counter()
     ops = Counter()  # issue cycles (slow end) by mnemonic, for the cost notes
-    execz_end = -1
+    at = {b[0]: i for i, b in enumerate(body)}
+    short = set()  # short blocks behind s_cbranch_execz: special cases (f16 subnormals, NaN) lanes rarely take
+    for i in range(span[0], span[1] + 1):
+        t = body[i][3]
+        if body[i][1] == "s_cbranch_execz" and t in at and 0 < at[t] - i <= EXECZ_SHORT:
+            short.update(range(i + 1, at[t]))
     for i in range(span[0], span[1] + 1):
         addr, mn, ins, target = body[i]
-        skippable = addr < execz_end
-        if mn == "s_cbranch_execz" and target and target > addr:
-            execz_end = max(execz_end, target)
+        skippable = i in short
         if mn.startswith(("global_load", "buffer_load", "flat_load")):
             c["vmem_load_lane_bytes"] += width(mn)
             c["load." + mn] += 1
@@ -171,24 +175,26 @@ def latency_rounds(body, span):
 
 # ---- Weight formats --------------------------------------------------------------------
 def formats(root):
-    """name -> (bytes per weight in the shuffled planes, the B bytes a decode lane may load per 32 K),
-    and id -> name."""
+    """name -> (bytes per weight in the shuffled planes, the B bytes a decode lane may load per 32 K,
+    whether its loop exchanges lane halves), and id -> name."""
     src = open(os.path.join(root, "include", "quillon", "kquant_sets.h")).read()
-    out = {"bf16": (2.0, {64.0}), "fp8": (1.0 + 2.0 / (128 * 128), {32.5})}
+    out = {"bf16": (2.0, {64.0}, False), "fp8": (1.0 + 2.0 / (128 * 128), {32.5}, False)}
     for name, bits, meta in re.findall(r'case \w+: return \{\w+, "(\w+)", \d+, \d+, (\d+), (\d+)\}', src):
         bits, meta = int(bits), int(meta)
         tail = (meta - 512) // 32
         # The 12-byte rows of 3 bits are read as 16 (the quant plane carries 4 bytes of slack).
-        out[name] = (bits / 8 + meta / (32 * 256), {w + 2 + tail for w in (4 * bits, 16 if bits == 3 else 4 * bits)})
+        # Q3_K and Q4_K split the expansion between the lane halves (permlanex16).
+        out[name] = (bits / 8 + meta / (32 * 256), {w + 2 + tail for w in (4 * bits, 16 if bits == 3 else 4 * bits)},
+                     name in ("Q3_K", "Q4_K"))
     return out, dict((i, n) for n, i in re.findall(r"^\s+(\w+) = (\d+),$", src, re.M))
 
 
 def named_formats(pretty, ids):
     """The weight formats in a kernel's template arguments, in order."""
     got = []
-    for m in re.finditer(r"(Bf16|Fp8|LmHead(?:Decode|Prefill)Config|KQuant\w*<(?:quillon::\w+, )?(?:\d+, )?(\d+))",
-                         pretty):
-        f = "fp8" if m.group(1) == "Fp8" else ids.get(m.group(2)) if m.group(2) else "bf16"
+    for m in re.finditer(r"Bf16|Fp8|LmHead(?:Decode|Prefill)Config|LmHeadKQuant\w*<quillon::\w+, (?:\d+, )?(\d+)>|"
+                         r"KQuant\w*<(\d+)", pretty):
+        f = "fp8" if m.group(0) == "Fp8" else ids.get(m.group(1) or m.group(2)) if "KQuant" in m.group(0) else "bf16"
         if f and f not in got:
             got.append(f)
     return got
@@ -257,11 +263,10 @@ def model(c, rounds, kind, fmt, share, waves, fmts, end):
             "issue": issue, "mem": mem, "latency": latency}
 
 
-def decode_share(pretty, threads):
-    """Waves that read one B column: two at a 32-row tile."""
+def row_tile(pretty):
+    """The decode row tile; at 32 rows two waves read each B column."""
     m = re.search(r"DecodeConfig<[\w:]+, (\d+)|Decode\w*Stream<(\d+)>|SplitKConfigFor<.*, \d+, (\d+)>", pretty)
-    mt = int(next(g for g in m.groups() if g)) if m else 16
-    return 2 if mt == 32 else 1
+    return int(next(g for g in m.groups() if g)) if m else 0
 
 
 def kernel_rows(build, only, fmts, ids, fails):
@@ -303,20 +308,26 @@ def kernel_row(name, pretty, body, meta, fmts, ids, fails):
         kind = "other"
         if fam in ("GEMM", "LM head"):
             kind = "prefill" if c["lds_ops"] and c["barriers"] else "decode"
-        arm = {"span": span, "counts": c, "ops": ops, "kind": kind, "fmt": "",
+        arm = {"span": span, "addr": (body[span[0]][0], body[span[1]][0]), "counts": c, "ops": ops, "kind": kind, "fmt": "",
                "rounds": latency_rounds(body, span)}
         if kind == "decode":
             per_unit = (c["vmem_load_lane_bytes"] - 32 * c["wmma"]) / (c["wmma"] / 2)
             named = named_formats(pretty, ids)
-            match = [f for f in named if per_unit in fmts[f][1]]
-            if not match:
-                fails.append("decode loop loads %.1f B of B per lane per 32 K, no named format (%s) matches: %s"
+            halves = any(b[1] == "v_permlanex16_b32" for b in body[span[0]:span[1] + 1])
+            match = [f for f in named if per_unit in fmts[f][1] and fmts[f][2] == halves]
+            if len(match) != 1:
+                fails.append("decode loop loads %.1f B of B per lane per 32 K, not one named format (%s) matches: %s"
                              % (per_unit, ",".join(named), pretty))
-            arm["fmt"] = match[0] if match else "?"
+                continue
+            arm["fmt"] = match[0]
         elif kind == "prefill":
             named = named_formats(pretty, ids)
             arm["fmt"] = named[0] if named else ""
-        share = decode_share(pretty, meta.get("max_flat_workgroup_size", 256)) if kind == "decode" else 1
+        arm["tile"] = row_tile(pretty) if kind == "decode" else 0
+        if kind == "decode" and not arm["tile"]:
+            fails.append("decode row tile not in the name: " + pretty)
+            continue
+        share = arm["tile"] // 16 if kind == "decode" else 1
         arm["ends"] = [model(c, arm["rounds"], kind, arm["fmt"], share, row["waves"], fmts, e) for e in (0, 1)]
         row["arms"].append(arm)
     return row
@@ -326,7 +337,8 @@ def kernel_row(name, pretty, body, meta, fmts, ids, fails):
 def group_of(row, arm):
     if row["family"] in ("GEMM", "LM head"):
         fam = ("LM head, " if row["family"] == "LM head" else "") + arm["kind"]
-        return ("decode GEMM" if fam == "decode" else "prefill GEMM" if fam == "prefill" else fam), arm["fmt"]
+        sub = arm["fmt"] + (", %d rows" % arm["tile"] if arm["kind"] == "decode" else "")
+        return ("decode GEMM" if fam == "decode" else "prefill GEMM" if fam == "prefill" else fam), sub
     m = re.search(r"(\w+_kernel)", row["pretty"])
     return row["family"], m.group(1) if m else row["pretty"][:40]
 
@@ -374,17 +386,22 @@ def tables(rows):
 
 
 def notes(rows):
-    """Decode loops under 85% of the memory roof at the slow end: the costliest
-    instructions per DRAM byte."""
-    out = []
+    """Per decode group under 85% of the memory roof at the slow end, its slowest
+    loop: issue cycles per DRAM byte and the instructions that cost the most."""
+    worst = {}
     for row in rows:
         for arm in row["arms"]:
-            s = arm["ends"][1]
-            if arm["kind"] != "decode" or s["mem_frac"] >= 0.85:
-                continue
-            top = ", ".join("%s %d" % (k, v) for k, v in arm["ops"].most_common(4))
-            out.append("%.0f%% %s %s: %.2f issue cycles per DRAM byte; most: %s" % (
-                100 * s["mem_frac"], arm["fmt"], row["pretty"][:160], s["issue"] / s["dram"], top))
+            g = group_of(row, arm)
+            if arm["kind"] == "decode" and arm["ends"][1]["mem_frac"] < 0.85:
+                if g not in worst or arm["ends"][1]["mem_frac"] < worst[g][1]["ends"][1]["mem_frac"]:
+                    worst[g] = (row, arm)
+    out = []
+    for g, (row, arm) in sorted(worst.items()):
+        s = arm["ends"][1]
+        top = ", ".join("%s %d" % kv for kv in arm["ops"].most_common(5))
+        out.append("%s %s: %.0f%%, %.2f issue cycles per DRAM byte (VALU %d, SALU %d per %.0f B); most: %s" % (
+            g[0], g[1], 100 * s["mem_frac"], s["issue"] / s["dram"], arm["counts"]["valu"], arm["counts"]["salu"],
+            s["dram"], top))
     return out
 
 
@@ -395,7 +412,7 @@ def show(rows, pattern):
         print("== model of", row["pretty"])
         for arm in row["arms"]:
             c = arm["counts"]
-            print("  loop %d..%d (%s %s): %s" % (arm["span"][0], arm["span"][1], arm["kind"], arm["fmt"],
+            print("  loop 0x%x..0x%x (%s %s): %s" % (arm["addr"][0], arm["addr"][1], arm["kind"], arm["fmt"],
                                                 ", ".join("%s %d" % kv for kv in sorted(c.items()))))
             print("  memory round trips waited out in turn: %d" % arm["rounds"])
             for e, m in zip(("fast", "slow"), arm["ends"]):
@@ -423,8 +440,9 @@ def main():
     print("assumed (fast end .. slow end):\n  " + "\n  ".join(ENDS_TEXT))
     print("\n".join(tables(rows)))
     low = notes(rows)
-    print("\ndecode loops under 85%% of the memory roof at the slow end (model): %d" % len(low))
-    print("\n".join(low[:40]))
+    print("\ndecode groups under 85%% of the memory roof at the slow end (model), slowest loop of each: %d"
+          % len(low))
+    print("\n".join(low))
     if a.tsv:
         with open(a.tsv, "w") as f:
             f.write("family\tformat\tkind\tvalu\tvopd\tsalu\twmma\twaits\tload_b_lane\tlds_b_lane\tdram_b\t"
