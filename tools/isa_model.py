@@ -14,6 +14,7 @@ family has no kernels, or the weight bytes a decode loop loads per lane do not
 identify the weight format its name carries.
 """
 import argparse
+import concurrent.futures
 import os
 import re
 import subprocess
@@ -272,16 +273,17 @@ def row_tile(pretty):
 def kernel_rows(build, only, fmts, ids, fails):
     objs = sorted(os.path.join(r, f) for r, _, fs in os.walk(os.path.join(build, "csrc")) for f in fs
                   if f.endswith(".o") and re.search(only, f))
-    rows, seen = [], set()
-    with tempfile.TemporaryDirectory() as tmp:
-        for obj in objs:
+    def disassemble(obj):
+        with tempfile.TemporaryDirectory() as tmp:
             dev = device_object(obj, tmp)
             if not dev:
-                continue
-            meta = {k["symbol"]: k for k in kernels_of(dev)}
-            text = subprocess.run([tool("llvm-objdump"), "-d", "--mcpu=gfx1151", dev], capture_output=True,
-                                  text=True).stdout
-            os.unlink(dev)
+                return {}, ""
+            return ({k["symbol"]: k for k in kernels_of(dev)},
+                    subprocess.run([tool("llvm-objdump"), "-d", "--mcpu=gfx1151", dev], capture_output=True,
+                                   text=True).stdout)
+    rows, seen = [], set()
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count() or 2) as pool:
+        for meta, text in pool.map(disassemble, objs):
             fns = {n: v for n, v in parse(text).items() if n in meta and n not in seen}
             seen.update(fns)
             for name, pretty in zip(fns, demangle(list(fns))):
@@ -358,14 +360,12 @@ def tables(rows):
         frac = "mat_frac" if matrix else "mem_frac"
         if fam != fam_now:
             fam_now = fam
+            decode = fam.endswith("decode") or fam == "decode GEMM"
+            head = ["format" if fam.endswith(("GEMM", "decode", "prefill")) else "kernel", "kernels", "VALU (VOPD)",
+                    "SALU", "WMMA", "waits", "load B/lane", "DRAM B", "issue cycles", "memory cycles", "bound",
+                    "roof fraction"] + (["dequant keeps up with 256 GB/s", "issue-limited GB/s"] if decode else [])
             out += ["", "%s (model; fraction of the %s roof; counts per trip of one wave, slowest kernel)" % (
-                fam, "matrix" if matrix else "memory"),
-                    "| %s | kernels | VALU (VOPD) | SALU | WMMA | waits | load B/lane | DRAM B | issue cycles |"
-                    " memory cycles | bound | roof fraction |%s" % (
-                        "format" if fam.endswith(("GEMM", "decode", "prefill")) else "kernel",
-                        " dequant keeps up with 256 GB/s | issue-limited GB/s |" if fam.endswith("decode") or
-                        fam == "decode GEMM" else ""),
-                    "|---" * (12 if fam.endswith("decode") or fam == "decode GEMM" else 10) + "|"]
+                fam, "matrix" if matrix else "memory"), "| " + " | ".join(head) + " |", "|---" * len(head) + "|"]
         worst = min(arms, key=lambda a: a["ends"][1][frac])
         c, (f, s) = worst["counts"], worst["ends"]
         lo = min(a["ends"][0][frac] for a in arms)
