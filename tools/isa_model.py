@@ -72,9 +72,9 @@ def parse(text):
             out[name] = (int(m.group(1), 16), [])
             continue
         m = re.search(r"//\s*([0-9A-F]+):", line)
-        if name is None or not m:
-            continue
         ins = line.split("//")[0].strip()
+        if name is None or not m or not ins:
+            continue
         t = re.search(r"<[^>+]*\+0x([0-9a-f]+)>", line)
         target = out[name][0] + int(t.group(1), 16) if t and ins.startswith(("s_branch", "s_cbranch")) else None
         out[name][1].append((int(m.group(1), 16), ins.split()[0], ins, target))
