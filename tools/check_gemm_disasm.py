@@ -17,6 +17,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from isa_model import parse  # noqa: E402
 from isa_report import demangle, device_object, tool  # noqa: E402
 
 KERNELS = ("gemm_kernel", "gemm_splitk_kernel", "gemm_seg2_kernel", "proj_decode_splitk_kernel")
@@ -24,19 +25,7 @@ KERNELS = ("gemm_kernel", "gemm_splitk_kernel", "gemm_seg2_kernel", "proj_decode
 
 def functions(text):
     """name -> (start address, [(address, instruction text)])"""
-    out, name = {}, None
-    for line in text.splitlines():
-        m = re.match(r"^([0-9a-f]+) <(.*)>:$", line)
-        if m:
-            name = m.group(2)
-            out[name] = (int(m.group(1), 16), [])
-            continue
-        if name is None:
-            continue
-        m = re.search(r"//\s*([0-9A-F]+):", line)
-        if m:
-            out[name][1].append((int(m.group(1), 16), line.split("//")[0].strip()))
-    return out
+    return {n: (s, [(a, ins) for a, _, ins, _ in body]) for n, (s, body) in parse(text).items()}
 
 
 def loops(start, body, raw):
