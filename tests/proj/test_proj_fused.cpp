@@ -225,7 +225,9 @@ TEST_F(ProjFused, Failures) {
                        "k-quant format 2 is not in this build's dense-projection set (kquant_sets)");
   EXPECT_QUILLON_FATAL(pj::grouped_kquant(2, nullptr, {}, nullptr, 1, nullptr),
                        "k-quant format 2 is not in this build's dense-projection set (kquant_sets)");
-  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q5), "geometry 0 does not carry this op");
+  EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q5),
+                       "geometry 0 does not carry this op; it belongs to a model family this build instantiates "
+                       "for other ids (see quillon_geometry_name)");
   // Past 32 rows, or at Prefill, the arms run in turn by name with no format test.
   call.mode = pj::Prefill;
   EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q5, q5),
