@@ -10,7 +10,7 @@
 
 #include "common/test_util.h"
 #include "gemm/gemm_test_util.h"
-#include "platform/cpu/qcpu.h"
+#include "platform/cpu/qcpu_test.h"
 #include "quillon/quillon.h"
 #include "reference/gemm_ref.h"
 #include "reference/lm_head_ref.h"
@@ -29,7 +29,8 @@ inline std::vector<int64_t> sampled_tiles(const Geo& g) { return {0, g.tiles() /
 // Tiles next to the sampled ones, which no launch may touch.
 inline std::vector<int64_t> idle_tiles(const Geo& g) { return {1, g.tiles() - 2}; }
 
-inline void sample(const std::vector<int64_t>& ids) { qcpu_sample_next_launch(ids.data(), (int)ids.size()); }
+// Only these workgroups of launch n from now (0 the next) run.
+inline void sample(const std::vector<int64_t>& ids, int n = 0) { qcpu_sample_launch(n, ids.data(), (int)ids.size()); }
 
 // hipMalloc without touching the body: only what a test writes is committed.
 class Lazy {
