@@ -10,7 +10,7 @@
 
 #include "../gemm/gemm_test_util.h"
 #include "gemm_core/gemm_entry_proj.h"
-#include "platform/cpu/qcpu.h"
+#include "platform/cpu/qcpu_test.h"
 
 namespace pt {
 
