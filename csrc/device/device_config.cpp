@@ -1,6 +1,5 @@
 #include "device_config.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 
@@ -13,12 +12,16 @@ namespace {
 int32_t compute() {
   const char* e = std::getenv("QUILLON_NUM_CUS");
   if (e && *e) {
-    char* end = nullptr;
-    errno = 0;
-    long long v = std::strtoll(e, &end, 10);
-    if (errno != 0 || *e == ' ' || *e == '\t' || *end != '\0' || v < 1 || v > 1024)
-      QUILLON_FATAL("QUILLON_NUM_CUS must be a positive integer <= 1024 (got \"%s\")", e);
-    return (int32_t)v;
+    // Decimal digits and nothing else: no sign, no whitespace at either end.
+    int32_t v = 0;
+    for (const char* p = e; *p; ++p) {
+      if (*p < '0' || *p > '9' || (v = v * 10 + (*p - '0')) > 1024) {
+        v = 0;
+        break;
+      }
+    }
+    if (v < 1) QUILLON_FATAL("QUILLON_NUM_CUS must be a positive integer <= 1024 (got \"%s\")", e);
+    return v;
   }
   int dev = 0;
   hipDeviceProp_t prop;

@@ -5,6 +5,7 @@
 // Included by the generated fused units only: the entries see declarations.
 #pragma once
 #include "gemm_entry_proj.h"
+#include "gemm_fused_layout.h"
 #include "gemm_kernel.h"
 
 namespace quillon::gemm_core {
@@ -98,32 +99,22 @@ void by_row_tile(int64_t M, F&& f) {
   else f(std::integral_constant<int, 16>{});
 }
 
-// Code bits as the width pairs compare them: both IQ4 forms count as 4.
-constexpr int code_bits(int F) { return F == kq::IQ4_NL || F == kq::IQ4_XS ? 4 : kq::format_info(F).bits; }
-
-// A bf16 split arm keeps at least 512 K per split: at 256 it does not fit
-// beside another arm in the registers of 16 waves (spills) or of 12 (more).
-constexpr int bf16_arm_splits(int64_t K, int want) {
-  int s = want < max_splits(K) ? want : max_splits(K);
-  while (s > 1 && K / s < 512) s /= 2;
-  return s;
-}
-
 inline void require_pair_ws(const float* ws) {
   if (ws == nullptr) QUILLON_FATAL("the segmented pair's split arm needs its fp32 partials (got null)");
 }
 
 // Arm 0: k-quant F0, N0 columns into C. Arm 1: W1 in S splits, its output at
 // C + M * N0, reduced after the launch.
-template <int F0, int64_t N0, class W1, int64_t K, int S, int MT>
+template <int F0, int64_t N0, class W1, int64_t K, FusedLayout L, int MT>
 void launch_pair_split(const ProjCall& c, const gemm_core::KQuantPlanes& b0, const typename W1::Operand& b1) {
-  constexpr int T = W1::split_tiles;
+  constexpr int T = W1::split_tiles, S = L.s1;
   constexpr int64_t N1 = T * 128;
+  static_assert(L.seam == N0 / 128 && L.t1 == T && L.s2 == 0, "the layout of this pair");
   using C0 = ArmCfg<F0, K, MT>;
   using C1 = gemm_core::ProjPairSplitKConfig<W1, K, S, MT, T>;
   auto* A = static_cast<const uint16_t*>(c.A);
   auto* out1 = static_cast<gemm_core::bf16*>(c.C) + c.M * N0;
-  const dim3 grid((unsigned)(N0 / 128 + T * S), (unsigned)((c.M + MT - 1) / MT));
+  const dim3 grid((unsigned)L.grid_x, (unsigned)((c.M + MT - 1) / MT));
   launch(&gemm_core::proj_decode_pair_splitk_kernel<C0, C1, T>, grid, dim3(C0::kThreads), 0, c.stream,
          typename C0::Params{{A, b0, c.C, c.M, N0, K}, 0, 0},
          typename C1::Params{A, b1, c.splitk_ws, out1, c.M, N1, K, 0});
@@ -140,7 +131,7 @@ void FusedQkvPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& 
     if constexpr (F1 != F0) {
       require_pair_ws(c.splitk_ws);
       by_row_tile(c.M, [&](auto mt) {
-        launch_pair_split<F0, qk.N, gemm_core::WDenseKQuantPairSplit<F1, v.N / 128>, qk.K, max_splits(qk.K), mt>(
+        launch_pair_split<F0, qk.N, gemm_core::WDenseKQuantPairSplit<F1, v.N / 128>, qk.K, qkv_pair_layout(G::id), mt>(
             c, b0, b1);
       });
     }
@@ -153,12 +144,11 @@ void FusedQKv<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, 
   static_assert(q.K == v.K && q.N > 0 && v.N > 0, "both arms at this geometry");
   require_pair_ws(c.splitk_ws);
   by_row_tile(c.M, [&](auto mt) {
-    launch_pair_split<F0, q.N, gemm_core::WDenseBf16PairSplit<v.N / 128>, q.K, bf16_arm_splits(q.K, 8), mt>(c, b0, kv);
+    launch_pair_split<F0, q.N, gemm_core::WDenseBf16PairSplit<v.N / 128>, q.K, q_kv_layout(G::id), mt>(c, b0, kv);
   });
 }
 
-// Equal widths N: arm 1 at no more code bits than arm 0 runs unsplit beside
-// it; a wider arm 1 splits by 2 (by 4 against Q3_K's narrow arm 0 at Q8_0).
+// Gate and up at equal widths N, split or not as mlp_pair_layout says.
 template <class G, int F0>
 void FusedMlpPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                               const gemm_core::KQuantPlanes& b1) {
@@ -168,35 +158,25 @@ void FusedMlpPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& 
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
     if constexpr (F1 != F0) {
-      if constexpr (code_bits(F1) <= code_bits(F0)) {
+      constexpr FusedLayout L = mlp_pair_layout(G::id, F0, F1);
+      if constexpr (L.s1 == 1) {
         by_row_tile(c.M, [&](auto mt) {
           using C0 = ArmCfg<F0, s.K, mt>;
           using C1 = ArmCfg<F1, s.K, mt>;
           auto* A = static_cast<const uint16_t*>(c.A);
-          launch(&gemm_core::proj_decode_pair_kernel<C0, C1>, dim3(2 * T, (unsigned)((c.M + mt - 1) / mt)),
+          launch(&gemm_core::proj_decode_pair_kernel<C0, C1>, dim3((unsigned)L.grid_x, (unsigned)((c.M + mt - 1) / mt)),
                  dim3(C0::kThreads), 0, c.stream, typename C0::Params{{A, b0, c.C, c.M, s.N, s.K}, 0, 0},
                  typename C1::Params{{A, b1, static_cast<gemm_core::bf16*>(c.C) + c.M * s.N, c.M, s.N, s.K}, T, 0});
         });
       } else {
-        constexpr int S = F0 == kq::Q3_K && F1 == kq::Q8_0 ? 4 : 2;
         require_pair_ws(c.splitk_ws);
         by_row_tile(c.M, [&](auto mt) {
-          launch_pair_split<F0, s.N, gemm_core::WDenseKQuantPairSplit<F1, T>, s.K, S, mt>(c, b0, b1);
+          launch_pair_split<F0, s.N, gemm_core::WDenseKQuantPairSplit<F1, T>, s.K, L, mt>(c, b0, b1);
         });
       }
     }
   });
 }
-
-// The triple's split counts: arm 1 as many as K allows while its T1 * S1
-// blocks stay within 256; the one-tile bf16 arm by arm 0's format.
-constexpr int triple_s1(int64_t K, int64_t T1) {
-  int s = max_splits(K);
-  while (s > 1 && T1 * s > 256) s /= 2;
-  return s;
-}
-// The one-tile bf16 arm of the triple: 2 beside Q8_0, else 4.
-constexpr int triple_s2(int F, int64_t K) { return bf16_arm_splits(K, F == kq::Q8_0 ? 2 : 4); }
 
 template <class G, int F0>
 void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
@@ -204,7 +184,9 @@ void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b
   constexpr KN q = linear_in_proj_qkv_kquant_shape(G::id), z = linear_in_proj_z_kquant_shape(G::id),
                w = linear_in_proj_ba_shape(G::id);
   static_assert(q.K == z.K && q.K == w.K && w.N == 128, "three arms over one K, a one-tile bf16 arm");
-  constexpr int T1 = (int)(z.N / 128), S1 = triple_s1(q.K, T1), S2 = triple_s2(F0, q.K);
+  constexpr FusedLayout L = triple_layout(G::id, F0);
+  constexpr int T1 = (int)L.t1, S1 = L.s1, S2 = L.s2;
+  static_assert(L.seam == q.N / 128 && T1 == z.N / 128, "the layout of this triple");
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
     if constexpr (F1 != F0) {
@@ -216,7 +198,7 @@ void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b
         auto* A = static_cast<const uint16_t*>(c.A);
         auto* out1 = static_cast<gemm_core::bf16*>(c.C) + c.M * q.N;
         float* ws2 = c.splitk_ws + S1 * c.M * z.N;
-        const dim3 grid((unsigned)(q.N / 128 + S2 + T1 * S1), (unsigned)((c.M + mt - 1) / mt));
+        const dim3 grid((unsigned)L.grid_x, (unsigned)((c.M + mt - 1) / mt));
         launch(&gemm_core::proj_decode_triple_splitk_kernel<C0, C1, C2, T1, 1>, grid, dim3(C0::kThreads), 0, c.stream,
                typename C0::Params{{A, b0, c.C, c.M, q.N, q.K}, 0, 0},
                typename C1::Params{A, b1, c.splitk_ws, out1, c.M, z.N, q.K, 0},

@@ -211,10 +211,11 @@ QDEV dev::u32x4 iq2s_dequant8(dev::u32x2 p0, uint32_t p1, uint16_t d, int l) {
 }
 
 // MXFP4: p0 sixteen re-paired code bytes, e the exponent byte; the scale is
-// the float with bits (e - 1) << 23, which is 2^(e - 128), and the table
-// values are twice the FP4 values.
+// 2^(e - 128), and the table values are twice the FP4 values. From e = 2 that
+// is the float with bits (e - 1) << 23; e = 0 and 1 are the subnormals
+// 2^-128 and 2^-127, not the bits that formula would give.
 QDEV dev::u32x4 mxfp4_dequant8(dev::u32x4 p0, uint32_t e, int l) {
-  const float scale = num::bits_to_float((e - 1u) << 23);
+  const float scale = num::bits_to_float(e >= 2 ? (e - 1u) << 23 : 0x00200000u << e);
   const uint32_t bytes = p0[l];
   dev::u32x4 out;
   for (int i = 0; i < 4; ++i)

@@ -54,12 +54,14 @@ __global__ __launch_bounds__(CAP) void multinomial_kernel(const float* cand_prob
   }
   __syncthreads();
 
-  // The first prefix strictly above u; if rounding keeps the total at or below
-  // u, the last candidate that has any probability, never one past the cut.
+  // The first prefix strictly above u, among slots with a probability of their
+  // own: the doubling sum adds in a different order per slot, so a zero slot's
+  // prefix can round above a real one's. If rounding keeps the total at or
+  // below u, the last candidate with any probability; never one past the cut.
   const float u = uniform[b];
-  if (t < K) {
+  if (t < K && v > 0.0f) {
     if (u < acc) dev::atomic_min_lds(&first_last[0], (int32_t)t);
-    if (v > 0.0f) dev::atomic_max_lds(&first_last[1], (int32_t)t);
+    dev::atomic_max_lds(&first_last[1], (int32_t)t);
   }
   __syncthreads();
   if (t == 0) {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #if QUILLON_FLAVOUR_CPU
-#include "platform/cpu/qcpu.h"
+#include "platform/cpu/qcpu_test.h"
 #endif
 
 namespace qt {
@@ -33,6 +33,16 @@ inline bool sample_next_launch(const int64_t* blocks, int count) {
 }
 inline bool sample_next_launch(const std::vector<int64_t>& blocks) {
   return sample_next_launch(blocks.data(), (int)blocks.size());
+}
+// The same for launch n from now (0 the next); the launches between run whole.
+inline bool sample_launch(int n_from_now, const std::vector<int64_t>& blocks) {
+#if QUILLON_FLAVOUR_CPU
+  qcpu_sample_launch(n_from_now, blocks.data(), (int)blocks.size());
+  return true;
+#else
+  (void)n_from_now, (void)blocks;
+  return false;
+#endif
 }
 
 // Matrix instructions the device has executed so far, where it counts them.

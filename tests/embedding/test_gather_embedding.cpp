@@ -76,6 +76,16 @@ TEST(GatherEmbedding, EveryGeometryBoundaryAndRepeatedIds) {
   }
 }
 
+// No ids: the grid is empty, and the status is the device's answer to that,
+// not success; nothing is written and the error does not stick.
+TEST(GatherEmbedding, NoIdsIsAnEmptyLaunch) {
+  select(0);
+  qt::DevBuf ids(8), out(64);
+  EXPECT_NE(quillon_gather_embedding(ids.as<int64_t>(), out.get(), out.get(), 0, nullptr), hipSuccess);
+  sync_ok();
+  for (uint8_t b : out.download<uint8_t>()) ASSERT_EQ(b, 0xFF);
+}
+
 // The unit count this process runs with: QUILLON_NUM_CUS, else twice the
 // device's multiprocessor count, else 40.
 int64_t expected_cus() {

@@ -77,14 +77,20 @@ TEST(GgufTables, ValueTables) {
 
 // Low-bit shuffles of two matrices into K-block-major planes (poisoned first:
 // the launch clears them), the bytes against the layout, then every weight.
-void check_lowbit(int q, int64_t R, int64_t K, uint64_t seed) {
+// With `edge_exponents`, MXFP4 blocks take the exponent bytes 0 and 1 (scales
+// 2^-128 and 2^-127, subnormal), 2, 127, and 254 and 255 (codes overflow to
+// infinity) in turn.
+void check_lowbit(int q, int64_t R, int64_t K, uint64_t seed, bool edge_exponents = false) {
   SCOPED_TRACE("expert format " + std::to_string(q) + " K " + std::to_string(K));
   constexpr int64_t kMats = 2;
   const int64_t rows = kMats * R, stride = rows + 128;
   const int bw = ref::lowbit_block_weights(q), bb = ref::lowbit_block_bytes(q);
   std::mt19937_64 rng(seed);
-  const std::vector<uint8_t> src =
+  std::vector<uint8_t> src =
       ref::random_blocks(rng, bb, rows * K / bw, q == 2 ? std::vector<int>{} : std::vector<int>{0}, q == 2);
+  const uint8_t edges[] = {0, 1, 2, 127, 254, 255};
+  if (edge_exponents)
+    for (size_t b = 0; b < src.size() / bb; ++b) src[b * bb] = edges[b % 6];
   const ref::LowBitPlanesRef want = ref::lowbit_planes(q, src, rows, K, stride);
   ASSERT_EQ((int64_t)want.p0.size(), iquant::lowbit_plane_bytes(q, 0, stride, K));
   ASSERT_EQ((int64_t)want.p1.size(), iquant::lowbit_plane_bytes(q, 1, stride, K));
@@ -117,6 +123,7 @@ TEST(LowBit, ShuffleAndValues) {
   check_lowbit(iquant::IQ2_S, 32, 512, 3);
   check_lowbit(iquant::MXFP4, 32, 96, 4);
   check_lowbit(iquant::MXFP4, 32, 640, 5);
+  check_lowbit(iquant::MXFP4, 32, 96, 6, true);
 }
 
 // FORMATS.md's IQ2_XXS example: d 1, grid index 1, sign index 32 with scale 3

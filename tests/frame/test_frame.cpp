@@ -1,6 +1,10 @@
 // The ABI frame: records, selection, names, and the fatal contracts.
 #include <cstddef>
+#include <cstdlib>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "common/test_util.h"
 #include "device/device_config.h"
@@ -171,11 +175,25 @@ TEST(NumCus, FirstUseFromManyThreadsAgrees) {
   for (int v : got) EXPECT_EQ(v, std::atoi(std::getenv("QT_EXPECT_CUS")));
 }
 
-TEST(NumCusDeathTest, RejectsBadValues) {
-  const char* bad = std::getenv("QT_BAD_CUS");
-  if (!bad) GTEST_SKIP() << "needs its own process; registered as frame.num_cus_bad.*";
-  EXPECT_QUILLON_FATAL((void)quillon::num_cus(),
-                       std::string("QUILLON_NUM_CUS must be a positive integer <= 1024 (got \"") + bad + "\")");
+// The rule, each value read by a fresh child of a process that has not read
+// the count yet (registered as frame.num_cus_rule): decimal digits only, the
+// whole string, 1..1024.
+TEST(NumCusDeathTest, DecimalDigitsOnly) {
+  if (!std::getenv("QT_CUS_RULE")) GTEST_SKIP() << "needs its own process; registered as frame.num_cus_rule";
+  const std::pair<const char*, int> good[] = {{"1", 1}, {"0007", 7}, {"1024", 1024}, {"000000000000000000001024", 1024}};
+  for (auto [v, want] : good)
+    EXPECT_EXIT((setenv("QUILLON_NUM_CUS", v, 1), std::exit(quillon::num_cus() == want ? 0 : 1)),
+                testing::ExitedWithCode(0), "")
+        << v;
+  std::vector<std::string> bad = {"0", "00", "1025", "-3", "-0", "+7", "12abc", "0x10", "7.0", "7e0",
+                                  "18446744073709551617", "99999999999999999999999"};
+  for (char ws : std::string(" \t\n\v\f\r")) {
+    bad.push_back(std::string(1, ws) + "7");
+    bad.push_back("7" + std::string(1, ws));
+  }
+  for (const std::string& v : bad)
+    EXPECT_QUILLON_FATAL((setenv("QUILLON_NUM_CUS", v.c_str(), 1), (void)quillon::num_cus()),
+                         "QUILLON_NUM_CUS must be a positive integer <= 1024 (got \"" + v + "\")");
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 // The bf16 LM head at every geometry's real shape, run on sampled column
-// tiles: the weight shuffle, both decode kernels through the entries, the
-// prefill kernel over the shuffled panel, sizing and failures.
-#include "device/geometry.h"
-#include "embedding/lm_head_config.h"
-#include "gemm_core/gemm_shuffle.h"
+// tiles: the weight shuffle, both decode kernels and the prefill kernel over
+// the shuffled panel, all through the entries, sizing and failures.
 #include "lm_head_util.h"
 
 namespace {
@@ -50,24 +47,15 @@ void run_decode(const DenseHead& h, const qt::DevBuf& x, const Logits& out, int6
   EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
 }
 
-// The prefill path as its entry runs it: the panel into scratch, then the
-// prefill kernel, here with only the sampled tiles' workgroups.
-template <class G>
-void prefill_as(const DenseHead& h, const qt::DevBuf& x, const qt::DevBuf& scratch, const Logits& out, int64_t M) {
-  quillon::shuffle_a_blk32(x.get(), G::hidden_size, scratch.get(), (M + 255) / 256 * 256, G::hidden_size, nullptr, M);
-  lh::sample(ref::prefill_blocks(h.tiles, h.g.tiles(), M));
-  quillon::lm_head_launch<G, 256>({scratch.as<uint16_t>(), h.w.as<uint16_t>(), out.get(), M, G::vocab_size}, nullptr);
+// A prefill entry: its second launch, the product after the panel shuffle,
+// runs the sampled tiles only.
+void run_prefill(const DenseHead& h, const qt::DevBuf& x, const Logits& out, int64_t M, bool entry_prefill) {
+  qt::DevBuf scratch((size_t)(entry_prefill ? quillon_lm_head_prefill_scratch_bytes(M) : quillon_lm_head_scratch_bytes(M)));
+  lh::sample(ref::prefill_blocks(h.tiles, h.g.tiles(), M), 1);
+  const hipError_t e = entry_prefill ? quillon_lm_head_gemm_prefill(x.get(), h.w.as(), scratch.get(), out.get(), M, nullptr)
+                                     : quillon_lm_head(x.get(), h.w.as(), out.get(), M, scratch.get(), nullptr);
+  EXPECT_EQ(e, hipSuccess);
   EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  EXPECT_EQ(hipGetLastError(), hipSuccess);
-}
-void run_prefill(const DenseHead& h, const qt::DevBuf& x, const Logits& out, int64_t M) {
-  qt::DevBuf scratch((size_t)quillon_lm_head_prefill_scratch_bytes(M));
-  switch (h.g.id) {
-    case 0: prefill_as<quillon::Qwen36MoeA3B>(h, x, scratch, out, M); break;
-    case 1: prefill_as<quillon::Qwen3627B>(h, x, scratch, out, M); break;
-    case 2: prefill_as<quillon::DeepSeekV4Flash>(h, x, scratch, out, M); break;
-    default: prefill_as<quillon::Qwen38FlashNext>(h, x, scratch, out, M); break;
-  }
   EXPECT_TRUE(scratch.guards_intact());
 }
 
@@ -81,7 +69,7 @@ void exact_rows(const Geo& g, std::initializer_list<int64_t> rows, uint64_t seed
     const qt::DevBuf x = qt::DevBuf::from(A);
     Logits out(g.N, M);
     if (M <= 32) run_decode(h, x, out, M, false);
-    else run_prefill(h, x, out, M);
+    else run_prefill(h, x, out, M, false);
     lh::check_logits(g, out, M, h.tiles, gt::floats_of(A), h.B, true);
     EXPECT_TRUE(x.guards_intact());
   }
@@ -107,7 +95,7 @@ TEST(LmHead, DecodeBeyond32RowsMatchesPrefill) {
   const qt::DevBuf x = qt::DevBuf::from(A);
   Logits dec(g.N, M), pre(g.N, M);
   run_decode(h, x, dec, M, true);
-  run_prefill(h, x, pre, M);
+  run_prefill(h, x, pre, M, true);
   lh::check_logits(g, dec, M, h.tiles, gt::floats_of(A), h.B, false);
   lh::check_logits(g, pre, M, h.tiles, gt::floats_of(A), h.B, false);
   const auto mag = ref::head_tile(gt::floats_of(A), h.B[1], M, 128, g.K).mag;
@@ -127,7 +115,7 @@ TEST(LmHead, OneHotRowsPickWeights) {
     const qt::DevBuf x = qt::DevBuf::from(A);
     Logits out(g.N, M);
     if (M <= 32) run_decode(h, x, out, M, false);
-    else run_prefill(h, x, out, M);
+    else run_prefill(h, x, out, M, false);
     lh::check_logits(g, out, M, h.tiles, gt::floats_of(A), h.B, true);
   }
 }

@@ -12,6 +12,7 @@
 #include "proj_test_util.h"
 #include "device/device_config.h"
 #include "gemm_core/gemm_entry_proj.h"
+#include "reference/lm_head_ref.h"
 
 namespace {
 
@@ -40,7 +41,8 @@ TEST(ProjRule, SplitCounts) {
 // ---- running a named entry -------------------------------------------------------
 using Entry = std::function<void(const pj::ProjCall&, const Weight&)>;
 
-// Sampled workgroups: the two live tiles of every row tile and split.
+// Sampled workgroups of launch n from now: the two live tiles of every row
+// tile and split.
 void sample_decode(int64_t N, int64_t M, int MT, int S) {
   std::vector<int64_t> ids;
   const int64_t nt = N / 128, mt = (M + MT - 1) / MT;
@@ -50,10 +52,11 @@ void sample_decode(int64_t N, int64_t M, int MT, int S) {
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
   qt::sample_next_launch(ids);
 }
-// Up to 256 rows the prefill grid is the column tiles in order.
-void sample_prefill(int64_t N) {
-  const int64_t ids[] = {0, N / 128 - 1};
-  qt::sample_next_launch(ids, N > 128 ? 2 : 1);
+void sample_prefill(int64_t N, int64_t M, int n) {
+  std::vector<int64_t> tiles = {0, N / 128 - 1};
+  tiles.erase(std::unique(tiles.begin(), tiles.end()), tiles.end());
+  const std::vector<int64_t> ids = ref::prefill_blocks(tiles, N / 128, M);
+  qt::sample_launch(n, ids);
 }
 
 // One call at (mode, M): compares the live columns exactly (integer A) or
@@ -65,15 +68,17 @@ void check(const Entry& entry, const Weight& w, int mode, int64_t M, bool exact,
   qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * N * 2));
   const int64_t R = (M + 255) / 256 * 256;
   qt::DevBuf shuffled((size_t)(R * K * 2)), scratch((size_t)pj::proj_scratch_bytes(M, K));
+  // Without a split the workspace is null: no launch may need it.
   const int S = want_splits(N, K, quillon::num_cus_p2());
   qt::DevBuf ws((size_t)(S * M * N * 4 + 4));
-  pj::ProjCall call{a.get(), c.get(), M, mode, scratch.get(), ws.as<float>(), nullptr};
+  pj::ProjCall call{a.get(), c.get(), M, mode, scratch.get(), S > 1 ? ws.as<float>() : nullptr, nullptr};
   if (mode == pj::PrefillShuffledA) {
     quillon::shuffle_a_blk32(a.get(), K, shuffled.get(), R, K, nullptr, M);
     call.A = shuffled.get();
   }
+  // From row-major A the product is the second launch, after the shuffle.
   if (mode == pj::Decode) sample_decode(N, M, M > 16 ? 32 : 16, S);
-  else if (mode == pj::PrefillShuffledA) sample_prefill(N);
+  else sample_prefill(N, M, mode == pj::Prefill ? 1 : 0);
   entry(call, w);
   ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
   EXPECT_TRUE(c.guards_intact() && ws.guards_intact() && scratch.guards_intact());
@@ -81,15 +86,16 @@ void check(const Entry& entry, const Weight& w, int mode, int64_t M, bool exact,
 }
 
 // Every decode row count, at integer and random operands; the prefill paths
-// where asked for.
-void paths(const Entry& entry, const Weight& w, bool prefill, bool from_row_major, qt::Rng& rng) {
+// where asked for, from row-major A also over two row tiles.
+void paths(const Entry& entry, const Weight& w, bool prefill, qt::Rng& rng) {
   for (int64_t M : {1, 16, 17, 32, 33}) check(entry, w, pj::Decode, M, true, rng);
   check(entry, w, pj::Decode, 9, false, rng);
   if (prefill) {
     check(entry, w, pj::PrefillShuffledA, 33, true, rng);
     check(entry, w, pj::PrefillShuffledA, 7, false, rng);
+    check(entry, w, pj::Prefill, 20, true, rng);
+    check(entry, w, pj::Prefill, 300, true, rng);
   }
-  if (from_row_major) check(entry, w, pj::Prefill, 20, true, rng);
 }
 
 Entry bf16_entry(void (*f)(const pj::ProjCall&, const uint16_t* const&)) {
@@ -110,20 +116,20 @@ class Proj : public testing::Test {
 TEST_F(Proj, Bf16Projections) {
   qt::Rng rng(1);
   // No split: N from 8704.
-  paths(bf16_entry(pj::qkv_proj), bf16_weight(9216, 2048, rng), true, false, rng);
+  paths(bf16_entry(pj::qkv_proj), bf16_weight(9216, 2048, rng), true, rng);
   // Split at N 2048, whose no-split decode runs the plain loop.
-  paths(bf16_entry(pj::attn_out_scale_oproj), bf16_weight(2048, 4096, rng), true, false, rng);
+  paths(bf16_entry(pj::attn_out_scale_oproj), bf16_weight(2048, 4096, rng), true, rng);
 }
 
-TEST_F(Proj, Bf16SingleTileWithPrefillFromRowMajorA) {
+TEST_F(Proj, Bf16SingleTile) {
   qt::Rng rng(2);
-  paths(bf16_entry(pj::linear_in_proj_ba), one_tile_bf16(2048, rng), true, true, rng);
+  paths(bf16_entry(pj::linear_in_proj_ba), one_tile_bf16(2048, rng), true, rng);
 }
 
 TEST_F(Proj, Fp8Projections) {
   qt::Rng rng(3);
-  paths(fp8_entry(pj::qkv_proj_fp8), fp8_weight(9216, 2048, rng), true, false, rng);
-  paths(fp8_entry(pj::linear_out_proj_fp8), fp8_weight(2048, 4096, rng), false, false, rng);
+  paths(fp8_entry(pj::qkv_proj_fp8), fp8_weight(9216, 2048, rng), true, rng);
+  paths(fp8_entry(pj::linear_out_proj_fp8), fp8_weight(2048, 4096, rng), true, rng);
 }
 
 TEST_F(Proj, KQuantProjectionsEveryFormat) {
@@ -134,9 +140,9 @@ TEST_F(Proj, KQuantProjectionsEveryFormat) {
     for (int64_t M : {1, 17, 33}) check(kquant_entry(pj::attn_out_scale_oproj_kquant), w, pj::Decode, M, false, rng);
   }
   // Both row tiles, the split at N 4096 and 8192, and the prefill path.
-  paths(kquant_entry(pj::linear_in_proj_z_kquant), kquant_weight(4, 4096, 2048, 7), true, false, rng);
-  paths(kquant_entry(pj::linear_in_proj_qkv_kquant), kquant_weight(6, 8192, 2048, 8), false, false, rng);
-  paths(kquant_entry(pj::qkv_proj_kquant), kquant_weight(8, 9216, 2048, 9), true, false, rng);
+  paths(kquant_entry(pj::linear_in_proj_z_kquant), kquant_weight(4, 4096, 2048, 7), true, rng);
+  paths(kquant_entry(pj::linear_in_proj_qkv_kquant), kquant_weight(6, 8192, 2048, 8), false, rng);
+  paths(kquant_entry(pj::qkv_proj_kquant), kquant_weight(8, 9216, 2048, 9), true, rng);
 }
 
 TEST_F(Proj, NothingHappensAtMZero) {
@@ -210,28 +216,24 @@ TEST(ProjScratch, LargestPathAtM) {
 }
 
 // Run with QUILLON_NUM_CUS set: the split rule, its kernels and scratch at
-// that device size.
+// that device size; at p2 1 nothing splits and every workspace is null.
 TEST(ProjAtCus, SplitsScratchAndKernels) {
   if (std::getenv("QUILLON_NUM_CUS") == nullptr) GTEST_SKIP() << "run with QUILLON_NUM_CUS set";
   const int p2 = quillon::num_cus_p2();
-  EXPECT_TRUE(p2 == 8 || p2 == 128 || p2 == 1024) << p2;
+  EXPECT_TRUE(p2 == 1 || p2 == 8 || p2 == 128 || p2 == 1024) << p2;
   check_scratch();
   ASSERT_EQ(quillon_select_geometry(0), 0);
   qt::Rng rng(5);
   const Weight b = bf16_weight(2048, 4096, rng);
   for (int64_t M : {1, 33}) check(bf16_entry(pj::attn_out_scale_oproj), b, pj::Decode, M, true, rng);
+  const Weight t = one_tile_bf16(2048, rng);
+  check(bf16_entry(pj::linear_in_proj_ba), t, pj::Decode, 3, true, rng);
   const Weight f = fp8_weight(2048, 4096, rng);
   check(fp8_entry(pj::attn_out_scale_oproj_fp8), f, pj::Decode, 17, true, rng);
   const Weight k = kquant_weight(23, 8192, 2048, 11);
   for (int64_t M : {16, 32}) check(kquant_entry(pj::linear_in_proj_qkv_kquant), k, pj::Decode, M, false, rng);
   const Weight q = kquant_weight(5, 4096, 2048, 12);
   check(kquant_entry(pj::linear_in_proj_z_kquant), q, pj::Decode, 5, false, rng);
-  // Without a split a null workspace is fine.
-  if (want_splits(2048, 4096, p2) == 1) {
-    qt::DevBuf a(4096 * 2), c(2048 * 2);
-    pj::linear_out_proj({a.get(), c.get(), 1, pj::Decode, nullptr, nullptr, nullptr}, b.bf16());
-    EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  }
 }
 
 }  // namespace

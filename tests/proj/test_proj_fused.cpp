@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "device/device_config.h"
+#include "gemm_core/gemm_fused_layout.h"
 #include "proj_test_util.h"
 
 namespace {
@@ -65,7 +66,7 @@ void check(const std::function<void(const pj::ProjCall&)>& run, const std::vecto
   const auto A = gt::int_bf16(rng, (size_t)(M * K), -3, 3);
   qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * width * 2)), ws((size_t)std::max<int64_t>(k.ws_bytes, 4));
   qt::DevBuf scratch((size_t)pj::proj_scratch_bytes(M, K));
-  pj::ProjCall call{a.get(), c.get(), M, k.mode, scratch.get(), ws.as<float>(), nullptr};
+  pj::ProjCall call{a.get(), c.get(), M, k.mode, scratch.get(), k.ws_bytes > 0 ? ws.as<float>() : nullptr, nullptr};
   if (k.mode == pj::PrefillShuffledA) {
     quillon::shuffle_a_blk32(a.get(), K, scratch.get(), (M + 255) / 256 * 256, K, nullptr, M);
     call.A = scratch.get();
@@ -107,15 +108,27 @@ TEST_F(ProjFused, QkvPairFusedAndInTurn) {
   }
 }
 
-// q in k-quant with k and v in bf16, geometry 3: seam 96, kv in 8 tiles by 4.
+// q in k-quant with k and v in bf16: arm 1 in T tiles by S from the seam.
 TEST_F(ProjFused, QKvPairWithBf16Arm) {
-  select(3);
-  qt::Rng rng(22);
-  const Weight q = kquant_weight(5, 12288, 2560, 50), kv = bf16_weight(1024, 2560, rng);
-  auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
-  for (int64_t M : {3, 32})
-    check(run, {&q, &kv}, {pj::Decode, M, {{0, 96, 1}, {96, 8, 4}}, 128, decode_row_tiles(M), M * 1024 * 4 * 4}, rng);
-  check(run, {&q, &kv}, {pj::Decode, 40, {{0, 96, 1}}, 96, 2, split_ws(40, 1024, 2560), false}, rng);
+  struct Geo {
+    int g;
+    int64_t K, Nq, Nkv, seam, T;
+    int S;
+  };
+  for (const Geo& g : {Geo{0, 2048, 8192, 1024, 64, 8, 4}, Geo{1, 5120, 12288, 2048, 96, 16, 8},
+                       Geo{3, 2560, 12288, 1024, 96, 8, 4}}) {
+    SCOPED_TRACE(testing::Message() << "geometry " << g.g);
+    select(g.g);
+    qt::Rng rng(22);
+    const Weight q = kquant_weight(5, g.Nq, g.K, 50), kv = bf16_weight(g.Nkv, g.K, rng);
+    auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
+    for (int64_t M : {3, 32})
+      check(run, {&q, &kv},
+            {pj::Decode, M, {{0, g.seam, 1}, {g.seam, g.T, g.S}}, g.seam + g.T * g.S, decode_row_tiles(M),
+             M * g.Nkv * g.S * 4},
+            rng);
+    check(run, {&q, &kv}, {pj::Decode, 40, {{0, g.seam, 1}}, g.seam, 2, split_ws(40, g.Nkv, g.K), false}, rng);
+  }
 }
 
 // Gate and up at N 17408, geometry 1: an arm 1 of no more code bits runs
@@ -138,27 +151,41 @@ TEST_F(ProjFused, MlpWidthPairs) {
   }
 }
 
-// The linear-attention input, geometry 0: qkv (64 tiles), then the one-tile
-// bf16 arm in S2 splits, then z in 32 tiles by 8; or the three in turn.
+// The linear-attention input: qkv, then the one-tile bf16 arm in S2 splits,
+// then z in T1 tiles by S1 (at most 256 blocks); its partials after z's.
 TEST_F(ProjFused, LinearInTriple) {
-  select(0);
-  qt::Rng rng(24);
-  const Weight ba = one_tile_bf16(2048, rng);
-  struct Fmt {
-    int f0, f1, s2;
+  struct Row {
+    int g;
+    int64_t K, Nqkv, Nz;
+    int f0, f1, s1, s2;
   };
-  for (const Fmt& f : {Fmt{4, 6, 4}, Fmt{8, 5, 2}, Fmt{3, 4, 4}}) {
-    SCOPED_TRACE(testing::Message() << "formats " << f.f0 << ", " << f.f1);
-    const Weight qkv = kquant_weight(f.f0, 8192, 2048, 80 + f.f0), z = kquant_weight(f.f1, 4096, 2048, 90 + f.f1);
+  const Row rows[] = {{0, 2048, 8192, 4096, 4, 6, 8, 4}, {0, 2048, 8192, 4096, 8, 5, 8, 2},
+                      {0, 2048, 8192, 4096, 3, 4, 8, 4}, {1, 5120, 10240, 6144, 3, 6, 4, 8},
+                      {1, 5120, 10240, 6144, 8, 4, 4, 2}, {3, 2560, 10240, 6144, 3, 5, 4, 4},
+                      {3, 2560, 10240, 6144, 8, 23, 4, 2}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << "geometry " << r.g << " formats " << r.f0 << ", " << r.f1);
+    select(r.g);
+    qt::Rng rng(24);
+    const Weight ba = one_tile_bf16(r.K, rng), qkv = kquant_weight(r.f0, r.Nqkv, r.K, 80 + r.f0),
+                 z = kquant_weight(r.f1, r.Nz, r.K, 90 + r.f1);
     auto run = [&](const pj::ProjCall& c) { pj::linear_in_proj_triple_kquant(c, qkv.kquant(), z.kquant(), ba.bf16()); };
+    const int64_t seam = r.Nqkv / 128, T1 = r.Nz / 128;
     for (int64_t M : {1, 17, 32}) {
-      const std::vector<ArmBlocks> blocks{{0, 64, 1}, {64, 1, f.s2}, {64 + f.s2, 32, 8}};
-      check(run, {&qkv, &z, &ba}, {pj::Decode, M, blocks, 64 + f.s2 + 256, decode_row_tiles(M), M * (8 * 4096 + f.s2 * 128) * 4},
+      const std::vector<ArmBlocks> blocks{{0, seam, 1}, {seam, 1, r.s2}, {seam + r.s2, T1, r.s1}};
+      check(run, {&qkv, &z, &ba},
+            {pj::Decode, M, blocks, seam + r.s2 + T1 * r.s1, decode_row_tiles(M), M * (r.s1 * r.Nz + r.s2 * 128) * 4},
             rng);
     }
   }
-  // Equal formats and M past 32 run the three in turn (at p2 = 64 z splits by
-  // 2 and ba by 8; qkv splits from p2 = 128, and then runs whole).
+}
+
+// Equal formats and M past 32 run the three in turn (at p2 = 64 z splits by 2
+// and ba by 8; qkv splits from p2 = 128, and then runs whole).
+TEST_F(ProjFused, LinearInTripleInTurn) {
+  select(0);
+  qt::Rng rng(25);
+  const Weight ba = one_tile_bf16(2048, rng);
   const int64_t p2 = quillon::num_cus_p2();
   const std::vector<ArmBlocks> first = want_splits(8192, 2048, p2) > 1 ? std::vector<ArmBlocks>{}
                                                                         : std::vector<ArmBlocks>{{0, 64, 1}};
@@ -171,6 +198,52 @@ TEST_F(ProjFused, LinearInTriple) {
   const Weight z4 = kquant_weight(4, 4096, 2048, 97);
   auto run4 = [&](const pj::ProjCall& c) { pj::linear_in_proj_triple_kquant(c, qkv.kquant(), z4.kquant(), ba.bf16()); };
   check(run4, {&qkv, &z4, &ba}, {pj::Decode, 33, first, 64, 2, in_turn_ws(33), false}, rng);
+}
+
+// Every fused launch of the projection tables: seam, split arm's tiles and
+// splits, the bf16 arm's splits (triple), grid x. Where the tables give a
+// bf16 arm 8 splits at K 2048, 256 K per split is below that arm's floor of
+// 512 and it takes 4.
+TEST(ProjFusedLayout, EveryLaunchOfTheTables) {
+  struct Row {
+    const char* what;
+    pj::FusedLayout got;
+    int64_t seam, t1;
+    int s1, s2;
+    int64_t grid_x;
+  };
+  const Row rows[] = {
+      {"qk+v K 2048", pj::qkv_pair_layout(0), 68, 4, 8, 0, 100},
+      {"qk+v K 2560", pj::qkv_pair_layout(3), 100, 4, 4, 0, 116},
+      {"qk+v K 5120", pj::qkv_pair_layout(1), 104, 8, 8, 0, 168},
+      {"q+kv K 2048 (8 floored)", pj::q_kv_layout(0), 64, 8, 4, 0, 96},
+      {"q+kv K 2560", pj::q_kv_layout(3), 96, 8, 4, 0, 128},
+      {"q+kv K 5120", pj::q_kv_layout(1), 96, 16, 8, 0, 224},
+      {"gate+up 6,4", pj::mlp_pair_layout(1, 6, 4), 136, 136, 1, 0, 272},
+      {"gate+up 20,23", pj::mlp_pair_layout(1, 20, 23), 136, 136, 1, 0, 272},
+      {"gate+up 23,20", pj::mlp_pair_layout(1, 23, 20), 136, 136, 1, 0, 272},
+      {"gate+up 8,3", pj::mlp_pair_layout(1, 8, 3), 136, 136, 1, 0, 272},
+      {"gate+up 4,6", pj::mlp_pair_layout(1, 4, 6), 136, 136, 2, 0, 408},
+      {"gate+up 3,20", pj::mlp_pair_layout(1, 3, 20), 136, 136, 2, 0, 408},
+      {"gate+up 3,8", pj::mlp_pair_layout(1, 3, 8), 136, 136, 4, 0, 680},
+      {"triple K 2048 F 3 (8 floored)", pj::triple_layout(0, 3), 64, 32, 8, 4, 324},
+      {"triple K 2048 F 8", pj::triple_layout(0, 8), 64, 32, 8, 2, 322},
+      {"triple K 2048 F 5", pj::triple_layout(0, 5), 64, 32, 8, 4, 324},
+      {"triple K 2560 F 3", pj::triple_layout(3, 3), 80, 48, 4, 4, 276},
+      {"triple K 2560 F 8", pj::triple_layout(3, 8), 80, 48, 4, 2, 274},
+      {"triple K 2560 F 23", pj::triple_layout(3, 23), 80, 48, 4, 4, 276},
+      {"triple K 5120 F 3", pj::triple_layout(1, 3), 80, 48, 4, 8, 280},
+      {"triple K 5120 F 8", pj::triple_layout(1, 8), 80, 48, 4, 2, 274},
+      {"triple K 5120 F 6", pj::triple_layout(1, 6), 80, 48, 4, 4, 276},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.what);
+    EXPECT_EQ(r.got.seam, r.seam);
+    EXPECT_EQ(r.got.t1, r.t1);
+    EXPECT_EQ(r.got.s1, r.s1);
+    EXPECT_EQ(r.got.s2, r.s2);
+    EXPECT_EQ(r.got.grid_x, r.grid_x);
+  }
 }
 
 // Eight records: group g reads its own [M, 4096] block of A and writes

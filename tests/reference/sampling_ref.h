@@ -117,12 +117,12 @@ inline TopK topk_topp_row(const float* p, int64_t V, int64_t K, int64_t top_k, b
   return r;
 }
 
-// The first candidate whose doubling prefix sum is strictly above u; else the
-// last with a positive probability; else slot 0.
+// The first candidate with a positive probability whose doubling prefix sum is
+// strictly above u; else the last with a positive probability; else slot 0.
 inline int64_t multinomial_row(const float* cp, const int64_t* ids, int64_t K, float u) {
   const std::vector<float> pre = doubling_prefix(std::vector<float>(cp, cp + K), K);
   for (int64_t i = 0; i < K; ++i)
-    if (u < pre[(size_t)i]) return ids[i];
+    if (cp[i] > 0.0f && u < pre[(size_t)i]) return ids[i];
   for (int64_t i = K - 1; i >= 0; --i)
     if (cp[i] > 0.0f) return ids[i];
   return ids[0];

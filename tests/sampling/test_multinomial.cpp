@@ -68,6 +68,29 @@ TEST(Multinomial, BoundariesOfTheUniformNumber) {
   EXPECT_EQ(want_rows(cp, ids, u, 5, K), (std::vector<int64_t>{2, 102, 200, 302, 403}));
 }
 
+// Rows whose doubling prefix sums round above 1 in a zero slot past the cut
+// (id -1) and to 1 - 2^-24 or 1 at the last real candidate: the draw takes a
+// real candidate, by its prefix or by the fallback to the last one.
+TEST(Multinomial, RoundingNeverOffersAZeroSlot) {
+  struct Row {
+    std::vector<float> p;
+    float u;
+    int64_t want;
+  };
+  const Row rows[] = {
+      {{0.39653602f, 0.32956284f, 0.27390108f, 0, 0, 0, 0}, 0.9999999f, 2},   // slot 3's prefix is 1, slot 2's below
+      {{0.31442288f, 0.292163f, 0.23534691f, 0.15806718f, 0}, 0.99999994f, 3},  // no real prefix above u
+  };
+  for (const Row& r : rows) {
+    const int64_t K = (int64_t)r.p.size();
+    std::vector<int64_t> ids;
+    for (int64_t i = 0; i < K; ++i) ids.push_back(r.p[(size_t)i] > 0 ? i : -1);
+    SCOPED_TRACE(testing::Message() << "K " << K);
+    EXPECT_EQ(run_multinomial(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{r.want});
+    EXPECT_EQ(want_rows(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{r.want});
+  }
+}
+
 TEST(Multinomial, ZeroRowsLaunchNothing) {
   auto dcp = qt::DevBuf::from(std::vector<float>{1.0f});
   auto dids = qt::DevBuf::from(std::vector<int64_t>{5});

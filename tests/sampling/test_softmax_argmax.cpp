@@ -165,6 +165,16 @@ TEST(Argmax, NaNAndInfinities) {
   EXPECT_EQ(run_argmax(rows, 6, V), (std::vector<int64_t>{0, 0, 0, 333, 270, 699}));
 }
 
+// Softmax has no row check: zero rows is an empty grid and the device's
+// answer to it, not success; nothing is written and the error does not stick.
+TEST(Softmax, ZeroRowsIsAnEmptyLaunch) {
+  auto dl = qt::DevBuf::from(std::vector<float>{1.0f, 2.0f}), dt = qt::DevBuf::from(std::vector<float>{1.0f});
+  qt::DevBuf dout(8);
+  EXPECT_NE(quillon_sampling_softmax(dl.as<float>(), dout.as<float>(), 0, 2, dt.as<float>(), nullptr), hipSuccess);
+  st::sync_ok();
+  EXPECT_EQ(dout.download<uint64_t>()[0], ~0ull);
+}
+
 TEST(Argmax, ZeroRowsLaunchNothing) {
   auto dl = qt::DevBuf::from(std::vector<float>{1.0f, 2.0f});
   qt::DevBuf dout(8);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,7 +19,7 @@
 
 #include <boost/context/detail/fcontext.hpp>
 
-#include "qcpu.h"
+#include "qcpu_test.h"
 #include "runtime_internal.h"
 
 namespace bc = boost::context::detail;
@@ -478,8 +479,9 @@ class Pool {
 
 std::mutex g_launch_mutex;
 std::mutex g_sample_mutex;
-std::vector<int64_t> g_sample;
-bool g_sample_armed = false;
+// Block lists by the number of the launch call they apply to.
+std::map<uint64_t, std::vector<int64_t>> g_samples;
+uint64_t g_launch_calls = 0;
 uint64_t g_launch_counter = 0;
 
 Pool& pool() {
@@ -494,10 +496,11 @@ int launch(qcpu_dim3 grid, qcpu_dim3 block, size_t lds, void (*invoke)(void*), v
   bool sampled = false;
   {
     std::lock_guard<std::mutex> g(g_sample_mutex);
-    if (g_sample_armed) {
-      sample.swap(g_sample);
+    auto it = g_samples.find(g_launch_calls++);
+    if (it != g_samples.end()) {
+      sample.swap(it->second);
       sampled = true;
-      g_sample_armed = false;
+      g_samples.erase(it);
     }
   }
   const uint64_t threads = (uint64_t)block.x * block.y * block.z;
@@ -592,11 +595,11 @@ void qcpu_wmma_bf16(const uint16_t a[16], const uint16_t b[16], float c[8]) {
   std::memcpy(c, w.c[l], 32);
 }
 
-void qcpu_sample_next_launch(const int64_t* blocks, int count) {
+void qcpu_sample_launch(int n_from_now, const int64_t* blocks, int count) {
   std::lock_guard<std::mutex> g(g_sample_mutex);
-  g_sample.assign(blocks, blocks + (count > 0 ? count : 0));
-  g_sample_armed = true;
+  g_samples[g_launch_calls + (uint64_t)(n_from_now > 0 ? n_from_now : 0)].assign(blocks, blocks + (count > 0 ? count : 0));
 }
+void qcpu_sample_next_launch(const int64_t* blocks, int count) { qcpu_sample_launch(0, blocks, count); }
 
 const char* qcpu_schedule(void) { return schedule().name.c_str(); }
 uint64_t qcpu_wmma_count(void) { return g_wmma_count.load(); }
