@@ -22,6 +22,7 @@ import argparse
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -167,10 +168,16 @@ def log(msg):
 def run(cmd, cwd=None, env=None, timeout=None, out=None):
     """Runs cmd at low priority; returns (rc, seconds). rc 124 on timeout."""
     t0 = time.monotonic()
+    # Its own process group, so a timeout or an interrupt also ends ninja's jobs.
+    proc = subprocess.Popen(["nice", "-n", "15", *cmd], cwd=cwd, env=env, stdout=out, stderr=subprocess.STDOUT,
+                            start_new_session=True)
     try:
-        rc = subprocess.run(["nice", "-n", "15", *cmd], cwd=cwd, env=env, timeout=timeout,
-                            stdout=out, stderr=subprocess.STDOUT).returncode
-    except subprocess.TimeoutExpired:
+        rc = proc.wait(timeout=timeout)
+    except BaseException as e:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait()
+        if not isinstance(e, subprocess.TimeoutExpired):
+            raise
         rc = 124
     return rc, time.monotonic() - t0
 
@@ -260,10 +267,13 @@ def main():
     ap.add_argument("-j", "--jobs", type=int, default=2)
     ap.add_argument("--test-timeout", type=int, default=300, help="seconds per test case")
     ap.add_argument("--build-timeout", type=int, default=5400, help="seconds per rebuild")
+    ap.add_argument("--skip-heavy", action="store_true", help="leave out the mutants marked heavy")
     ap.add_argument("--no-clean-run", action="store_true", help="skip the run of the unmutated tree")
     args = ap.parse_args()
 
     chosen = [x for x in MUTANTS if not args.names or any(x.name == n or x.name.startswith(n) for n in args.names)]
+    # Heavy ones last: an interrupted run still has the quick results.
+    chosen = sorted((x for x in chosen if not (args.skip_heavy and x.heavy)), key=lambda x: x.heavy)
     if args.list:
         for x in MUTANTS:
             n = (REPO / x.path).read_text().count(x.old)
@@ -274,6 +284,8 @@ def main():
         sys.exit("mutants: no mutant matches " + " ".join(args.names))
     assert len({x.name for x in MUTANTS}) == len(MUTANTS), "mutant names are unique"
 
+    # A terminated run still puts the mutated file back (the finally below).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutants: terminated"))
     scratch = Path(args.scratch)
     src, bdir, logs = scratch / "src", scratch / "src" / "build" / "cpu", scratch / "logs"
     logs.mkdir(parents=True, exist_ok=True)
