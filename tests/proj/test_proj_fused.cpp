@@ -86,14 +86,11 @@ void check(const std::function<void(const pj::ProjCall&)>& run, const std::vecto
   }
 }
 
-class ProjFused : public testing::Test {
- protected:
-  void select(int g) { ASSERT_EQ(quillon_select_geometry(g), 0); }
-};
+class ProjFused : public testing::Test {};
 
 // q and k with v at another width, geometry 0: seam 68, v in 4 tiles by 8.
 TEST_F(ProjFused, QkvPairFusedAndInTurn) {
-  select(0);
+  QT_SELECT_GEOMETRY(0);
   qt::Rng rng(21);
   for (auto [f0, f1] : {std::pair{4, 6}, std::pair{8, 3}}) {
     SCOPED_TRACE(testing::Message() << "formats " << f0 << ", " << f1);
@@ -109,7 +106,7 @@ TEST_F(ProjFused, QkvPairFusedAndInTurn) {
 
 // q in k-quant with k and v in bf16, geometry 3: seam 96, kv in 8 tiles by 4.
 TEST_F(ProjFused, QKvPairWithBf16Arm) {
-  select(3);
+  QT_SELECT_GEOMETRY(3);
   qt::Rng rng(22);
   const Weight q = kquant_weight(5, 12288, 2560, 50), kv = bf16_weight(1024, 2560, rng);
   auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
@@ -121,7 +118,7 @@ TEST_F(ProjFused, QKvPairWithBf16Arm) {
 // Gate and up at N 17408, geometry 1: an arm 1 of no more code bits runs
 // unsplit beside arm 0 (grid 272); a wider one splits by 2, or by 4 at (3, 8).
 TEST_F(ProjFused, MlpWidthPairs) {
-  select(1);
+  QT_SELECT_GEOMETRY(1);
   qt::Rng rng(23);
   struct Pair {
     int f0, f1, s;
@@ -141,7 +138,7 @@ TEST_F(ProjFused, MlpWidthPairs) {
 // The linear-attention input, geometry 0: qkv (64 tiles), then the one-tile
 // bf16 arm in S2 splits, then z in 32 tiles by 8; or the three in turn.
 TEST_F(ProjFused, LinearInTriple) {
-  select(0);
+  QT_SELECT_GEOMETRY(0);
   qt::Rng rng(24);
   const Weight ba = one_tile_bf16(2048, rng);
   struct Fmt {
@@ -208,7 +205,7 @@ TEST_F(ProjFused, GroupedEightRecords) {
 }
 
 TEST_F(ProjFused, Failures) {
-  select(0);
+  QT_SELECT_GEOMETRY(0);
   qt::DevBuf a(64 * 2048 * 2), c(64 * 9216 * 2);
   const pj::FormKQuant::Weight q4{4, {nullptr, nullptr}}, q5{5, {nullptr, nullptr}}, q2{2, {nullptr, nullptr}};
   pj::ProjCall call{a.get(), c.get(), 32, pj::Decode, nullptr, nullptr, nullptr};
@@ -234,7 +231,7 @@ TEST_F(ProjFused, Failures) {
                        "qkv_proj_q_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
   EXPECT_QUILLON_FATAL(pj::linear_in_proj_triple_kquant(call, q4, q5, nullptr),
                        "linear_in_proj_qkv_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
-  select(1);
+  QT_SELECT_GEOMETRY(1);
   EXPECT_QUILLON_FATAL(pj::mlp_gate_up_pair_kquant(call, q4, q4),
                        "mlp_gate_kquant prefill needs a_scratch of proj_scratch_bytes(M) (got null)");
   call.mode = pj::Decode;
@@ -247,7 +244,7 @@ TEST_F(ProjFused, Failures) {
 
 // Nothing runs at M = 0, whatever the formats.
 TEST_F(ProjFused, NothingAtMZero) {
-  select(0);
+  QT_SELECT_GEOMETRY(0);
   qt::DevBuf c(64);
   const pj::FormKQuant::Weight q5{5, {nullptr, nullptr}};
   const pj::ProjCall call{nullptr, c.get(), 0, pj::Decode, nullptr, nullptr, nullptr};
