@@ -9,7 +9,8 @@
 #     declares them and keeps the shapes from being instantiated elsewhere.
 # QUILLON_PROJ_GEOMETRIES bounds which geometries are instantiated; a name
 # called at any other geometry fails with the geometry message.
-# Sets QUILLON_PROJ_INSTANCE_SOURCES.
+# Sets QUILLON_PROJ_INSTANCE_SOURCES, heaviest units first: ninja starts them in
+# this order, so the long ones do not run alone at the end of a build.
 set(QUILLON_PROJ_TABLE
   "qkv_proj bf16 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
   "qkv_proj_fp8 fp8 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
@@ -44,13 +45,14 @@ set(QUILLON_PROJ_FUSED_TABLE
   "FusedTriple linear_in_proj_z_kquant"
 )
 if(NOT DEFINED QUILLON_PROJ_GEOMETRIES)
-  set(QUILLON_PROJ_GEOMETRIES Qwen36MoeA3B Qwen3627B Qwen38FlashNext)
+  set(QUILLON_PROJ_GEOMETRIES ${QUILLON_GEOMETRY_TYPES})
 endif()
 
 include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
 quillon_kquant_set(DenseProjection _quillon_proj_formats)
 set(_proj_dir ${CMAKE_BINARY_DIR}/generated)
 set(QUILLON_PROJ_INSTANCE_SOURCES "")
+set(_proj_shape_sources "")
 set(_proj_shapes "")
 set(_proj_units "")
 set(_proj_decls "")
@@ -132,7 +134,7 @@ foreach(ukey IN LISTS _proj_units)
 namespace quillon::proj {
 ${_unit_${ukey}}}  // namespace quillon::proj
 ")
-  list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
+  list(APPEND _proj_shape_sources ${_out})
 endforeach()
 
 function(_quillon_proj_unit out content)
@@ -146,6 +148,14 @@ ${content}}  // namespace quillon::proj
   set(QUILLON_PROJ_INSTANCE_SOURCES ${QUILLON_PROJ_INSTANCE_SOURCES} ${out} PARENT_SCOPE)
 endfunction()
 
+set(_grouped "")
+foreach(F IN LISTS _quillon_proj_formats)
+  string(APPEND _grouped "template struct FusedGrouped<${F}>;\n")
+endforeach()
+_quillon_proj_unit(${_proj_dir}/proj/fused_grouped.cpp "${_grouped}")
+# The IQ4 first arms (last in the set) compile about twice as long as the others.
+set(_fused_formats ${_quillon_proj_formats})
+list(REVERSE _fused_formats)
 foreach(row IN LISTS QUILLON_PROJ_FUSED_TABLE)
   string(REPLACE " " ";" row "${row}")
   list(GET row 0 KIND)
@@ -153,16 +163,12 @@ foreach(row IN LISTS QUILLON_PROJ_FUSED_TABLE)
   string(REPLACE ";" ", " _at "${_geoms_${NAME}}")
   string(APPEND _proj_decls "using ${KIND}At = Geometries<${_at}>;\n")
   foreach(G IN LISTS _geoms_${NAME})
-    foreach(F IN LISTS _quillon_proj_formats)
+    foreach(F IN LISTS _fused_formats)
       _quillon_proj_unit(${_proj_dir}/proj/fused_${KIND}_${G}_${F}.cpp "template struct ${KIND}<${G}, ${F}>;\n")
     endforeach()
   endforeach()
 endforeach()
-set(_grouped "")
-foreach(F IN LISTS _quillon_proj_formats)
-  string(APPEND _grouped "template struct FusedGrouped<${F}>;\n")
-endforeach()
-_quillon_proj_unit(${_proj_dir}/proj/fused_grouped.cpp "${_grouped}")
+list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_proj_shape_sources})
 
 file(CONFIGURE OUTPUT ${_proj_dir}/quillon_gen/proj_named.h @ONLY CONTENT
 "// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named
