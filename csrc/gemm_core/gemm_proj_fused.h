@@ -130,14 +130,14 @@ void launch_pair_split(const ProjCall& c, const gemm_core::KQuantPlanes& b0, con
   splitk_reduce(c.splitk_ws, out1, c.M * N1, S, c.stream);
 }
 
-template <class G, int F0>
-void FusedQkvPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedQkvPair<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                               const gemm_core::KQuantPlanes& b1) {
   constexpr KN qk = qkv_proj_qk_kquant_shape(G::id), v = qkv_proj_v_kquant_shape(G::id);
   static_assert(qk.K == v.K && qk.N > 0 && v.N > 0, "both arms at this geometry");
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       require_pair_ws(c.splitk_ws);
       by_row_tile(c.M, [&](auto mt) {
         launch_pair_split<F0, qk.N, gemm_core::WDenseKQuantPairSplit<F1, v.N / 128>, qk.K, max_splits(qk.K), mt>(
@@ -159,15 +159,15 @@ void FusedQKv<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, 
 
 // Equal widths N: arm 1 at no more code bits than arm 0 runs unsplit beside
 // it; a wider arm 1 splits by 2 (by 4 against Q3_K's narrow arm 0 at Q8_0).
-template <class G, int F0>
-void FusedMlpPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedMlpPair<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                               const gemm_core::KQuantPlanes& b1) {
   constexpr KN s = mlp_gate_kquant_shape(G::id);
   static_assert(s.N > 0, "the pair at this geometry");
   constexpr int T = (int)(s.N / 128);
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       if constexpr (code_bits(F1) <= code_bits(F0)) {
         by_row_tile(c.M, [&](auto mt) {
           using C0 = ArmCfg<F0, s.K, mt>;
@@ -198,8 +198,8 @@ constexpr int triple_s1(int64_t K, int64_t T1) {
 // The one-tile bf16 arm of the triple: 2 beside Q8_0, else 4.
 constexpr int triple_s2(int F, int64_t K) { return bf16_arm_splits(K, F == kq::Q8_0 ? 2 : 4); }
 
-template <class G, int F0>
-void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedTriple<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                              const gemm_core::KQuantPlanes& b1, const uint16_t* ba) {
   constexpr KN q = linear_in_proj_qkv_kquant_shape(G::id), z = linear_in_proj_z_kquant_shape(G::id),
                w = linear_in_proj_ba_shape(G::id);
@@ -207,7 +207,7 @@ void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b
   constexpr int T1 = (int)(z.N / 128), S1 = triple_s1(q.K, T1), S2 = triple_s2(F0, q.K);
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       if (c.splitk_ws == nullptr) QUILLON_FATAL("the triple's two split arms need their fp32 partials (got null)");
       by_row_tile(c.M, [&](auto mt) {
         using C0 = ArmCfg<F0, q.K, mt>;
