@@ -36,6 +36,19 @@ def device_object(obj, tmp):
     return dev if r.returncode == 0 else None
 
 
+def device_objects(build_dir):
+    """(object path, its unbundled gfx1151 object) for every object under build_dir/csrc with device code."""
+    objs = []
+    for root, _, files in os.walk(os.path.join(build_dir, "csrc")):
+        objs += [os.path.join(root, f) for f in files if f.endswith(".o")]
+    with tempfile.TemporaryDirectory() as tmp:
+        for obj in sorted(objs):
+            dev = device_object(obj, tmp)
+            if dev:
+                yield obj, dev
+                os.unlink(dev)
+
+
 def kernels_of(dev):
     out = subprocess.run([tool("llvm-readelf"), "--notes", dev], capture_output=True, text=True).stdout
     ks, cur, indent, in_kernels = [], None, None, False
@@ -97,19 +110,11 @@ def main():
     ap.add_argument("--tsv", help="also write the table here")
     ap.add_argument("--quiet", action="store_true", help="print the summary and failures only")
     a = ap.parse_args()
-    objs = []
-    for root, _, files in os.walk(os.path.join(a.build_dir, "csrc")):
-        objs += [os.path.join(root, f) for f in files if f.endswith(".o")]
     rows = []
-    with tempfile.TemporaryDirectory() as tmp:
-        for obj in sorted(objs):
-            dev = device_object(obj, tmp)
-            if not dev:
-                continue
-            for k in kernels_of(dev):
-                k["object"] = os.path.relpath(obj, a.build_dir)
-                rows.append(k)
-            os.unlink(dev)
+    for obj, dev in device_objects(a.build_dir):
+        for k in kernels_of(dev):
+            k["object"] = os.path.relpath(obj, a.build_dir)
+            rows.append(k)
     if not rows:
         print("isa_report: no kernels found under", a.build_dir)
         return 1
