@@ -38,8 +38,10 @@ def family_of(path):
 
 
 def read_ninja_log(path):
-    """Duration in seconds of the latest run of each output."""
+    """Duration in seconds of the latest run of each output still on disk (a unit the
+    build no longer has drops out once `ninja -t cleandead` removed its object)."""
     last = {}
+    build = os.path.dirname(path)
     with open(path) as f:
         for line in f:
             if line.startswith("#"):
@@ -48,7 +50,7 @@ def read_ninja_log(path):
             if len(parts) < 4 or parts[3].startswith("/"):
                 continue
             last[parts[3]] = (int(parts[1]) - int(parts[0])) / 1000.0
-    return last
+    return {out: s for out, s in last.items() if os.path.exists(os.path.join(build, out))}
 
 
 def read_kernels(path):
