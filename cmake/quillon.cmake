@@ -10,6 +10,32 @@ set(QUILLON_COMMON_FLAGS
   ${QUILLON_PREFIX_MAPS}
   -Wall -Wextra -Wno-unused-parameter -Wno-unused-function -Wno-unused-result)
 
+# QUILLON_GEOMETRIES as the compile-time geometry types, for the generators,
+# and as the bit mask that csrc/device/geometry.h reads. The full set passes no
+# define, so its command lines (and ccache's keys) stay those of the default.
+set(QUILLON_GEOMETRY_TYPES "")
+set(_quillon_geometry_mask 0)
+foreach(id IN LISTS QUILLON_GEOMETRIES)
+  if(NOT id MATCHES "^[0-3]$")
+    message(FATAL_ERROR "QUILLON_GEOMETRIES is a list of geometry ids 0..3 such as \"0;1\", got \"${QUILLON_GEOMETRIES}\"")
+  endif()
+  math(EXPR _quillon_geometry_mask "${_quillon_geometry_mask} | (1 << ${id})")
+endforeach()
+set(_quillon_id 0)
+foreach(type Qwen36MoeA3B Qwen3627B DeepSeekV4Flash Qwen38FlashNext)
+  math(EXPR _quillon_bit "(${_quillon_geometry_mask} >> ${_quillon_id}) & 1")
+  if(_quillon_bit)
+    list(APPEND QUILLON_GEOMETRY_TYPES ${type})
+  endif()
+  math(EXPR _quillon_id "${_quillon_id} + 1")
+endforeach()
+if(NOT QUILLON_GEOMETRY_TYPES)
+  message(FATAL_ERROR "QUILLON_GEOMETRIES names no geometry")
+endif()
+if(NOT _quillon_geometry_mask EQUAL 15)
+  list(APPEND QUILLON_COMMON_FLAGS -DQUILLON_GEOMETRY_MASK=${_quillon_geometry_mask})
+endif()
+
 if(QUILLON_FLAVOUR STREQUAL "hip")
   # clang's device-side <new> wrapper expects malloc declared first.
   set(QUILLON_DEVICE_FLAGS -x hip --offload-arch=gfx1151 -nogpulib -nogpuinc -include stdlib.h

@@ -36,6 +36,19 @@ def device_object(obj, tmp):
     return dev if r.returncode == 0 else None
 
 
+def device_objects(build_dir):
+    """(object path, its unbundled gfx1151 object) for every object under build_dir/csrc with device code."""
+    objs = []
+    for root, _, files in os.walk(os.path.join(build_dir, "csrc")):
+        objs += [os.path.join(root, f) for f in files if f.endswith(".o")]
+    with tempfile.TemporaryDirectory() as tmp:
+        for obj in sorted(objs):
+            dev = device_object(obj, tmp)
+            if dev:
+                yield obj, dev
+                os.unlink(dev)
+
+
 def kernels_of(dev):
     out = subprocess.run([tool("llvm-readelf"), "--notes", dev], capture_output=True, text=True).stdout
     ks, cur, indent, in_kernels = [], None, None, False
@@ -97,38 +110,35 @@ def main():
     ap.add_argument("--tsv", help="also write the table here")
     ap.add_argument("--quiet", action="store_true", help="print the summary and failures only")
     a = ap.parse_args()
-    objs = []
-    for root, _, files in os.walk(os.path.join(a.build_dir, "csrc")):
-        objs += [os.path.join(root, f) for f in files if f.endswith(".o")]
     rows = []
-    with tempfile.TemporaryDirectory() as tmp:
-        for obj in sorted(objs):
-            dev = device_object(obj, tmp)
-            if not dev:
-                continue
-            for k in kernels_of(dev):
-                k["object"] = os.path.relpath(obj, a.build_dir)
-                rows.append(k)
-            os.unlink(dev)
+    for obj, dev in device_objects(a.build_dir):
+        for k in kernels_of(dev):
+            k["object"] = os.path.relpath(obj, a.build_dir)
+            rows.append(k)
     if not rows:
         print("isa_report: no kernels found under", a.build_dir)
         return 1
-    seen, uniq = set(), []
+    # A kernel instantiated in several units is compiled in each: keep one row
+    # and the list of its objects, so the build report can count the repeats.
+    by_symbol = {}
     for k in rows:
-        if k["symbol"] not in seen:
-            seen.add(k["symbol"])
-            uniq.append(k)
-    rows = uniq
+        if k["symbol"] in by_symbol:
+            by_symbol[k["symbol"]]["objects"].append(k["object"])
+        else:
+            k["objects"] = [k["object"]]
+            by_symbol[k["symbol"]] = k
+    rows = list(by_symbol.values())
     for k, d in zip(rows, demangle([k["symbol"] for k in rows])):
         k["pretty"] = d
     budgets = load_budgets(os.path.join(os.path.dirname(os.path.abspath(__file__)), "isa_budgets.tsv"))
     fails = []
-    lines = ["vgpr\tsgpr\tlds\tscratch\tspill_v\tspill_s\twaves/simd\tkernel"]
+    lines = ["vgpr\tsgpr\tlds\tscratch\tspill_v\tspill_s\twaves/simd\tkernel\tobjects"]
     for k in sorted(rows, key=lambda k: k["pretty"]):
         v = k.get("vgpr_count", 0)
-        line = "%d\t%d\t%d\t%d\t%d\t%d\t%d\t%s" % (
+        line = "%d\t%d\t%d\t%d\t%d\t%d\t%d\t%s\t%s" % (
             v, k.get("sgpr_count", 0), k.get("group_segment_fixed_size", 0), k.get("private_segment_fixed_size", 0),
-            k.get("vgpr_spill_count", 0), k.get("sgpr_spill_count", 0), occupancy(v), k["pretty"])
+            k.get("vgpr_spill_count", 0), k.get("sgpr_spill_count", 0), occupancy(v), k["pretty"],
+            ",".join(k["objects"]))
         lines.append(line)
         if k.get("private_segment_fixed_size", 0) or k.get("vgpr_spill_count", 0) or k.get("sgpr_spill_count", 0):
             fails.append("scratch or spill: " + k["pretty"])

@@ -19,6 +19,8 @@ QUILLON_CPU_SCHEDULE=reverse ctest --test-dir build/cpu -j "$(nproc)" --output-o
 t4=$(date +%s)
 QUILLON_CPU_SCHEDULE=forward ctest --test-dir build/cpu -j "$(nproc)" --output-on-failure || status=1
 t5=$(date +%s)
+# Where the build time went: job-seconds and kernels per family, slowest units.
+python3 tools/build_report.py build || status=1
 echo "timing: install $((t1 - t0))s, build hip $((t2 - t1))s, build cpu $((t3 - t2))s," \
      "tests reverse $((t4 - t3))s, tests forward $((t5 - t4))s"
 exit $status

@@ -1,6 +1,7 @@
 #include "geometry.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 
 #include "../platform/fatal.h"
@@ -25,8 +26,18 @@ constexpr QuillonDraftShape kDrafts[] = {shape_of<DraftShape0>(), shape_of<Draft
 int32_t active_geometry() { return g_geometry.load(std::memory_order_relaxed); }
 int32_t active_draft() { return g_draft.load(std::memory_order_relaxed); }
 
+// A known geometry left out of the build is refused like an unknown id, with a
+// line saying how to build it: the engine learns it at selection, not at the
+// first operator.
 int32_t select_geometry(int32_t id) {
   if ((uint32_t)id > 3u) return 1;
+  if (!geometry_built(id)) {
+    std::fprintf(stderr,
+                 "[quillon] %s:%d: geometry %d (%s) is not built into this library; configure it with "
+                 "QUILLON_GEOMETRIES including %d\n",
+                 __FILE__, __LINE__, id, kGeometryNames[id], id);
+    return 1;
+  }
   g_geometry.store(id, std::memory_order_relaxed);
   return 0;
 }

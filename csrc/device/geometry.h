@@ -103,13 +103,30 @@ bool draft_shape(int32_t id, QuillonDraftShape* out);
 #define QUILLON_GEOMETRY_FAILURE(g) ::quillon::geometry_failure_at(__FILE__, __LINE__, (g))
 #define QUILLON_DRAFT_FAILURE(d) ::quillon::draft_failure_at(__FILE__, __LINE__, (d))
 
+// The geometries this library is built for (CMake's QUILLON_GEOMETRIES, as a
+// bit mask by id). Another one cannot be selected, and no entry instantiates
+// anything for it.
+#ifndef QUILLON_GEOMETRY_MASK
+#define QUILLON_GEOMETRY_MASK 0xF
+#endif
+constexpr bool geometry_built(int32_t id) { return (uint32_t)id < 4u && ((QUILLON_GEOMETRY_MASK >> id) & 1) != 0; }
+
 // on_geometry<Gs...>(QUILLON_HERE, f) calls f(G{}) with the active geometry's type when it is one of Gs; otherwise
 // the geometry failure. Host entries read the selection once, here.
 template <class... Gs, class F>
 inline void on_geometry(const char* file, int line, F&& f) {
   const int32_t g = active_geometry();
   bool done = false;
-  ((!done && g == Gs::id ? (f(Gs{}), done = true) : false), ...);
+  (
+      [&] {
+        if constexpr (geometry_built(Gs::id)) {
+          if (!done && g == Gs::id) {
+            f(Gs{});
+            done = true;
+          }
+        }
+      }(),
+      ...);
   if (!done) geometry_failure_at(file, line, g);
 }
 #define QUILLON_HERE __FILE__, __LINE__

@@ -1,11 +1,11 @@
-# Instantiation units of the LM head: one per geometry for bf16 and one per
-# (geometry, general-GEMM format) for the k-quant forms, each holding the 16-
+# Instantiation units of the LM head: one per built geometry for bf16 and one
+# per (geometry, general-GEMM format) for the k-quant forms, each holding the 16-
 # and 32-row decode kernels and the prefill kernel, so the build spreads them.
 # Sets QUILLON_LM_HEAD_INSTANCE_SOURCES.
 include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
 quillon_kquant_set(GeneralGemm _quillon_lm_head_formats)
 set(QUILLON_LM_HEAD_INSTANCE_SOURCES "")
-foreach(GEOM Qwen36MoeA3B Qwen3627B DeepSeekV4Flash Qwen38FlashNext)
+foreach(GEOM IN LISTS QUILLON_GEOMETRY_TYPES)
   set(NOTE ", bf16")
   set(LINES "")
   foreach(MT 16 32 256)

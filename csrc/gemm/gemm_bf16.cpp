@@ -42,7 +42,8 @@ void bf16_product(const void* A, const void* B, T* C, int64_t M, int64_t N, int6
     return;
   }
   float* ws = static_cast<float*>(partials);
-  launch_gemm_splitk<gemm_core::GemmBf16SplitKConfig<T>>(GemmSplitParams<const uint16_t*>{head, ws}, S, s);
+  // Partials are fp32 whatever T is: one split kernel serves both outputs.
+  launch_gemm_splitk<gemm_core::GemmBf16SplitKConfig<float>>(GemmSplitParams<const uint16_t*>{head, ws}, S, s);
   splitk_reduce(ws, C, M * N, S, s);
 }
 

@@ -44,8 +44,12 @@ namespace quillon {
 // One instantiation unit per (format, output type) and per first-arm format,
 // generated from the general-GEMM list (gemm_general_inst.h holds the bodies).
 // S = 1 runs GemmKQuantConfig, S >= 2 GemmKQuantSplitKConfig and the reduction.
+// The split kernel writes fp32 partials and never C, so its fp32 instance
+// (compiled in the fp32 unit) serves both output types.
 template <int F, class T>
 void gemm_kquant_run(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>& p, int S, hipStream_t s);
+template <int F>
+void gemm_kquant_splitk_launch(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>& p, int S, hipStream_t s);
 template <int F>
 void gemm_kquant_blk32_run(const gemm_core::GemmBlk32Params<gemm_core::KQuantPlanes>& p, hipStream_t s);
 // Arm 1's format is dispatched inside the unit of arm 0's.
@@ -60,6 +64,8 @@ void gemm_seg2_run(int32_t f1, const gemm_core::GemmSegParams<gemm_core::KQuantP
       const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>&, int, hipStream_t);                              \
   extern template void gemm_kquant_blk32_run<F>(const gemm_core::GemmBlk32Params<gemm_core::KQuantPlanes>&,       \
                                                 hipStream_t);                                                     \
+  extern template void gemm_kquant_splitk_launch<F>(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>&,   \
+                                                    int, hipStream_t);                                            \
   extern template void gemm_seg2_run<F>(int32_t, const gemm_core::GemmSegParams<gemm_core::KQuantPlanes>&,        \
                                         const gemm_core::GemmSegParams<gemm_core::KQuantPlanes>&, int64_t,        \
                                         hipStream_t);

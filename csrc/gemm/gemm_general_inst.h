@@ -29,13 +29,18 @@ __global__ __launch_bounds__(512) QUILLON_WAVES_PER_SIMD(Cfg0::kWavesPerSimd, Cf
 
 namespace quillon {
 
+template <int F>
+void gemm_kquant_splitk_launch(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>& p, int S, hipStream_t s) {
+  launch_gemm_splitk<gemm_core::GemmKQuantSplitKConfig<F, float>>(p, S, s);
+}
+
 template <int F, class T>
 void gemm_kquant_run(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>& p, int S, hipStream_t s) {
   using namespace gemm_core;
   if (S <= 1) {
     launch_gemm<GemmKQuantConfig<F, T>>(static_cast<const GemmParams<KQuantPlanes>&>(p), s);
   } else {
-    launch_gemm_splitk<GemmKQuantSplitKConfig<F, T>>(p, S, s);
+    gemm_kquant_splitk_launch<F>(p, S, s);
     splitk_reduce(p.workspace, static_cast<T*>(p.C), p.M * p.N, S, s);
   }
 }

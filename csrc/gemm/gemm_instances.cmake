@@ -1,7 +1,8 @@
 # Instantiation units of the general k-quant GEMM, generated from the
 # general-GEMM list of include/quillon/kquant_sets.h (the one source of which
 # formats exist): one unit per (format, output type), the blk32 form riding with
-# bf16, and one per fp32-arm format of the segmented pair. Also writes the list
+# bf16 and the split form (fp32 partials whatever the output) with fp32, and one
+# per fp32-arm format of the segmented pair. Also writes the list
 # as a macro for the extern declarations of gemm_general.h.
 # Sets QUILLON_GEMM_INSTANCE_SOURCES and QUILLON_GEMM_GENERATED_DIR.
 include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
@@ -25,8 +26,8 @@ foreach(F IN LISTS _quillon_gemm_formats)
       set(BLK32_LINE "template void gemm_kquant_blk32_run<${F}>(const gemm_core::GemmBlk32Params<gemm_core::KQuantPlanes>&, hipStream_t);")
     else()
       set(TYPE "float")
-      set(BLK32_NOTE "")
-      set(BLK32_LINE "")
+      set(BLK32_NOTE ", and the split kernel of both output types")
+      set(BLK32_LINE "template void gemm_kquant_splitk_launch<${F}>(const gemm_core::GemmSplitParams<gemm_core::KQuantPlanes>&, int, hipStream_t);")
     endif()
     set(_out ${QUILLON_GEMM_GENERATED_DIR}/gemm/gemm_kquant_${F}_${T}.cpp)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/gemm_kquant_inst.cpp.in ${_out} @ONLY)

@@ -17,6 +17,22 @@ void run_fused(Geometries<G...>, int32_t f0, const Args&... args) {
   });
 }
 
+// A kind with a second k-quant arm: the unit of (G, F0) that holds arm 1 at
+// f1, one of two where the build splits F0. An f1 outside the set reaches the
+// second, whose switch reports it.
+template <template <class, int, class> class Fused, class... G, class... Args>
+void run_fused_arms(Geometries<G...>, int32_t f0, int32_t f1, const Args&... args) {
+  on_geometry<G...>(QUILLON_HERE, [&](auto g) {
+    on_dense_projection(f0, [&](auto f) {
+      using Gt = decltype(g);
+      constexpr int F0 = decltype(f)::value;
+      if constexpr (!fused_split(F0)) Fused<Gt, F0, kq::DenseProjection>::run(args...);
+      else if (FusedArmsLow::contains(f1)) Fused<Gt, F0, FusedArmsLow>::run(args...);
+      else Fused<Gt, F0, FusedArmsHigh>::run(args...);
+    });
+  });
+}
+
 // The next projection in turn writes after the n columns of the one before.
 ProjCall after(const ProjCall& c, int64_t n) {
   ProjCall r = c;
@@ -35,7 +51,7 @@ using KQuantEntry = void (*)(const ProjCall&, const FormKQuant::Weight&);
 
 // Two k-quant projections at different widths: one fused launch, or `first`
 // then `second` after first's columns.
-template <template <class, int> class Fused, class At>
+template <template <class, int, class> class Fused, class At>
 void kquant_pair(At at, const ProjCall& c, const FormKQuant::Weight& w0, const FormKQuant::Weight& w1,
                  KQuantEntry first, KQuantEntry second, KN (*shape)(int32_t)) {
   if (c.M <= 0) return;
@@ -44,7 +60,7 @@ void kquant_pair(At at, const ProjCall& c, const FormKQuant::Weight& w0, const F
     return second(after(c, shape(active_geometry()).N), w1);
   }
   require_different(w0.format, w1.format);
-  run_fused<Fused>(at, w0.format, c, w0.planes, w1.format, w1.planes);
+  run_fused_arms<Fused>(at, w0.format, w1.format, c, w0.planes, w1.format, w1.planes);
 }
 
 }  // namespace
@@ -78,7 +94,7 @@ void linear_in_proj_triple_kquant(const ProjCall& c, const FormKQuant::Weight& q
     linear_in_proj_z_kquant(cz, z);
     return linear_in_proj_ba(after(cz, linear_in_proj_z_kquant_shape(g).N), ba);
   }
-  run_fused<FusedTriple>(FusedTripleAt{}, qkv.format, c, qkv.planes, z.format, z.planes, ba);
+  run_fused_arms<FusedTriple>(FusedTripleAt{}, qkv.format, z.format, c, qkv.planes, z.format, z.planes, ba);
 }
 
 void grouped_kquant(int32_t format, const void* A, const gemm_core::KQuantPlanes (&planes)[8], void* C, int64_t M,

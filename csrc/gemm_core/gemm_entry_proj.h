@@ -98,8 +98,10 @@ void grouped_kquant(int32_t format, const void* A, const gemm_core::KQuantPlanes
                     hipStream_t stream);
 
 // The fused launches of geometry G with arm 0 at format F0: defined in
-// gemm_proj_fused.h and compiled in generated units.
-template <class G, int F0>
+// gemm_proj_fused.h and compiled in generated units. A kind with a second
+// k-quant arm compiles the arm-1 formats of Arms; where that is long the build
+// splits (G, F0) over two units (fused_split in quillon_gen/proj_named.h).
+template <class G, int F0, class Arms = kq::DenseProjection>
 struct FusedQkvPair {
   static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1);
 };
@@ -107,11 +109,11 @@ template <class G, int F0>
 struct FusedQKv {
   static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, const uint16_t* kv);
 };
-template <class G, int F0>
+template <class G, int F0, class Arms = kq::DenseProjection>
 struct FusedMlpPair {
   static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1);
 };
-template <class G, int F0>
+template <class G, int F0, class Arms = kq::DenseProjection>
 struct FusedTriple {
   static void run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1, const gemm_core::KQuantPlanes& b1,
                   const uint16_t* ba);

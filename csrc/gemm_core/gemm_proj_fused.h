@@ -121,14 +121,14 @@ void launch_pair_split(const ProjCall& c, const gemm_core::KQuantPlanes& b0, con
   splitk_reduce(c.splitk_ws, out1, c.M * N1, S, c.stream);
 }
 
-template <class G, int F0>
-void FusedQkvPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedQkvPair<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                               const gemm_core::KQuantPlanes& b1) {
   constexpr KN qk = qkv_proj_qk_kquant_shape(G::id), v = qkv_proj_v_kquant_shape(G::id);
   static_assert(qk.K == v.K && qk.N > 0 && v.N > 0, "both arms at this geometry");
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       require_pair_ws(c.splitk_ws);
       by_row_tile(c.M, [&](auto mt) {
         launch_pair_split<F0, qk.N, gemm_core::WDenseKQuantPairSplit<F1, v.N / 128>, qk.K, qkv_pair_layout(G::id), mt>(
@@ -149,15 +149,15 @@ void FusedQKv<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, 
 }
 
 // Gate and up at equal widths N, split or not as mlp_pair_layout says.
-template <class G, int F0>
-void FusedMlpPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedMlpPair<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                               const gemm_core::KQuantPlanes& b1) {
   constexpr KN s = mlp_gate_kquant_shape(G::id);
   static_assert(s.N > 0, "the pair at this geometry");
   constexpr int T = (int)(s.N / 128);
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       constexpr FusedLayout L = mlp_pair_layout(G::id, F0, F1);
       if constexpr (L.s1 == 1) {
         by_row_tile(c.M, [&](auto mt) {
@@ -178,8 +178,8 @@ void FusedMlpPair<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& 
   });
 }
 
-template <class G, int F0>
-void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
+template <class G, int F0, class Arms>
+void FusedTriple<G, F0, Arms>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b0, int32_t f1,
                              const gemm_core::KQuantPlanes& b1, const uint16_t* ba) {
   constexpr KN q = linear_in_proj_qkv_kquant_shape(G::id), z = linear_in_proj_z_kquant_shape(G::id),
                w = linear_in_proj_ba_shape(G::id);
@@ -189,7 +189,7 @@ void FusedTriple<G, F0>::run(const ProjCall& c, const gemm_core::KQuantPlanes& b
   static_assert(L.seam == q.N / 128 && T1 == z.N / 128, "the layout of this triple");
   on_dense_projection(f1, [&](auto f) {
     constexpr int F1 = decltype(f)::value;
-    if constexpr (F1 != F0) {
+    if constexpr (F1 != F0 && Arms::contains(F1)) {
       if (c.splitk_ws == nullptr) QUILLON_FATAL("the triple's two split arms need their fp32 partials (got null)");
       by_row_tile(c.M, [&](auto mt) {
         using C0 = ArmCfg<F0, q.K, mt>;

@@ -9,7 +9,8 @@
 #     declares them and keeps the shapes from being instantiated elsewhere.
 # QUILLON_PROJ_GEOMETRIES bounds which geometries are instantiated; a name
 # called at any other geometry fails with the geometry message.
-# Sets QUILLON_PROJ_INSTANCE_SOURCES.
+# Sets QUILLON_PROJ_INSTANCE_SOURCES, heaviest units first: ninja starts them in
+# this order, so the long ones do not run alone at the end of a build.
 set(QUILLON_PROJ_TABLE
   "qkv_proj bf16 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
   "qkv_proj_fp8 fp8 Qwen36MoeA3B:2048:9216 Qwen3627B:5120:14336 Qwen38FlashNext:2560:13312"
@@ -36,21 +37,27 @@ set(QUILLON_PROJ_TABLE
 )
 # The fused decode launches (gemm_proj_fused.h): each exists at the geometries
 # where the named projection beside it has a shape, one unit per format of its
-# first arm. The grouped launch has one fixed shape and no geometry.
+# first arm ("arms": and of the set's formats for its second k-quant arm). The
+# grouped launch has one fixed shape and no geometry.
 set(QUILLON_PROJ_FUSED_TABLE
-  "FusedQkvPair qkv_proj_qk_kquant"
+  "FusedQkvPair qkv_proj_qk_kquant arms"
   "FusedQKv qkv_proj_q_kquant"
-  "FusedMlpPair mlp_gate_kquant"
-  "FusedTriple linear_in_proj_z_kquant"
+  "FusedMlpPair mlp_gate_kquant arms"
+  "FusedTriple linear_in_proj_z_kquant arms"
 )
+# First-arm formats whose "arms" units take twice as long as the others (IQ4
+# decodes through its codebook; about 20 s on one core for the cpu flavour):
+# each is split over two units, by the first and second part of the set.
+set(QUILLON_PROJ_FUSED_SPLIT 20 23)
 if(NOT DEFINED QUILLON_PROJ_GEOMETRIES)
-  set(QUILLON_PROJ_GEOMETRIES Qwen36MoeA3B Qwen3627B Qwen38FlashNext)
+  set(QUILLON_PROJ_GEOMETRIES ${QUILLON_GEOMETRY_TYPES})
 endif()
 
 include(${CMAKE_SOURCE_DIR}/cmake/kquant_sets.cmake)
 quillon_kquant_set(DenseProjection _quillon_proj_formats)
 set(_proj_dir ${CMAKE_BINARY_DIR}/generated)
 set(QUILLON_PROJ_INSTANCE_SOURCES "")
+set(_proj_shape_sources "")
 set(_proj_shapes "")
 set(_proj_units "")
 set(_proj_decls "")
@@ -132,7 +139,7 @@ foreach(ukey IN LISTS _proj_units)
 namespace quillon::proj {
 ${_unit_${ukey}}}  // namespace quillon::proj
 ")
-  list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
+  list(APPEND _proj_shape_sources ${_out})
 endforeach()
 
 function(_quillon_proj_unit out content)
@@ -146,6 +153,30 @@ ${content}}  // namespace quillon::proj
   set(QUILLON_PROJ_INSTANCE_SOURCES ${QUILLON_PROJ_INSTANCE_SOURCES} ${out} PARENT_SCOPE)
 endfunction()
 
+set(_grouped "")
+foreach(F IN LISTS _quillon_proj_formats)
+  string(APPEND _grouped "template struct FusedGrouped<${F}>;\n")
+endforeach()
+_quillon_proj_unit(${_proj_dir}/proj/fused_grouped.cpp "${_grouped}")
+list(LENGTH _quillon_proj_formats _n)
+math(EXPR _n "${_n} / 2")
+list(SUBLIST _quillon_proj_formats 0 ${_n} _arms_low)
+list(SUBLIST _quillon_proj_formats ${_n} -1 _arms_high)
+string(REPLACE ";" ", " _low "${_arms_low}")
+string(REPLACE ";" ", " _high "${_arms_high}")
+set(_split_test "")
+foreach(F IN LISTS QUILLON_PROJ_FUSED_SPLIT)
+  list(APPEND _split_test "f0 == ${F}")
+endforeach()
+list(JOIN _split_test " || " _split_test)
+if(NOT _split_test)
+  set(_split_test "false")
+endif()
+string(APPEND _proj_decls "using FusedArmsLow = kq::FormatSet<${_low}>;\nusing FusedArmsHigh = kq::FormatSet<${_high}>;\n")
+string(APPEND _proj_decls "constexpr bool fused_split(int f0) { return ${_split_test}; }\n")
+# The split first arms (IQ4, last in the set) are the longest: they go first.
+set(_fused_formats ${_quillon_proj_formats})
+list(REVERSE _fused_formats)
 foreach(row IN LISTS QUILLON_PROJ_FUSED_TABLE)
   string(REPLACE " " ";" row "${row}")
   list(GET row 0 KIND)
@@ -153,16 +184,18 @@ foreach(row IN LISTS QUILLON_PROJ_FUSED_TABLE)
   string(REPLACE ";" ", " _at "${_geoms_${NAME}}")
   string(APPEND _proj_decls "using ${KIND}At = Geometries<${_at}>;\n")
   foreach(G IN LISTS _geoms_${NAME})
-    foreach(F IN LISTS _quillon_proj_formats)
-      _quillon_proj_unit(${_proj_dir}/proj/fused_${KIND}_${G}_${F}.cpp "template struct ${KIND}<${G}, ${F}>;\n")
+    foreach(F IN LISTS _fused_formats)
+      set(_u ${_proj_dir}/proj/fused_${KIND}_${G}_${F})
+      if("arms" IN_LIST row AND F IN_LIST QUILLON_PROJ_FUSED_SPLIT)
+        _quillon_proj_unit(${_u}_a.cpp "template struct ${KIND}<${G}, ${F}, FusedArmsLow>;\n")
+        _quillon_proj_unit(${_u}_b.cpp "template struct ${KIND}<${G}, ${F}, FusedArmsHigh>;\n")
+      else()
+        _quillon_proj_unit(${_u}.cpp "template struct ${KIND}<${G}, ${F}>;\n")
+      endif()
     endforeach()
   endforeach()
 endforeach()
-set(_grouped "")
-foreach(F IN LISTS _quillon_proj_formats)
-  string(APPEND _grouped "template struct FusedGrouped<${F}>;\n")
-endforeach()
-_quillon_proj_unit(${_proj_dir}/proj/fused_grouped.cpp "${_grouped}")
+list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_proj_shape_sources})
 
 file(CONFIGURE OUTPUT ${_proj_dir}/quillon_gen/proj_named.h @ONLY CONTENT
 "// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "../../csrc/device/geometry.h"
 #include "../../csrc/platform/numerics.h"
 
 namespace qt {
@@ -131,6 +132,18 @@ inline int64_t first_mismatch(const std::vector<T>& a, const std::vector<T>& b) 
 }
 
 }  // namespace qt
+
+// Geometry g selected, or the case skipped where the build leaves g out
+// (QUILLON_GEOMETRIES). Loops over geometries pass such ids by with
+// `if (!quillon::geometry_built(g)) continue;`. In a helper the skip returns
+// from the helper only.
+#define QT_REQUIRE_GEOMETRY(g) \
+  if (!::quillon::geometry_built(g)) GTEST_SKIP() << "geometry " << (g) << " not built"
+#define QT_SELECT_GEOMETRY(g)                \
+  do {                                       \
+    QT_REQUIRE_GEOMETRY(g);                  \
+    ASSERT_EQ(quillon_select_geometry(g), 0); \
+  } while (0)
 
 // A broken contract: the process aborts, and stderr ends with exactly the
 // message after "[quillon] <path>:<line>: ".

@@ -36,6 +36,7 @@ TEST(Record, WireLayout) {
 
 TEST(Record, ExactColumnsForEveryGeometry) {
   for (int g = 0; g < 4; ++g) {
+    if (!quillon::geometry_built(g)) continue;
     ASSERT_EQ(quillon_select_geometry(g), 0);
     ASSERT_EQ(quillon_active_geometry(), g);
     QuillonModelConfig c;
@@ -59,11 +60,30 @@ TEST(Selection, FreshProcessHasNothingSelected) {
 }
 
 TEST(Selection, OutOfRangeIdsLeaveTheGeometry) {
-  ASSERT_EQ(quillon_select_geometry(3), 0);
+  QT_SELECT_GEOMETRY(3);
   EXPECT_EQ(quillon_select_geometry(4), 1);
   EXPECT_EQ(quillon_select_geometry(-1), 1);
   EXPECT_EQ(quillon_active_geometry(), 3);
   EXPECT_EQ(quillon_abi_version(), 56);
+}
+
+// A build without some geometry (QUILLON_GEOMETRIES) refuses it like an
+// unknown id, keeps the selection, and names the option on stderr.
+TEST(Selection, GeometryLeftOutOfTheBuild) {
+  int in = -1, out = -1;
+  for (int g = 0; g < 4; ++g) (quillon::geometry_built(g) ? in : out) = g;
+  if (out < 0) GTEST_SKIP() << "every geometry is built";
+  ASSERT_EQ(quillon_select_geometry(in), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(quillon_select_geometry(out), 1);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(quillon_active_geometry(), in);
+  char name[32];
+  quillon_geometry_name(out, name, sizeof name);
+  const std::string want = "geometry " + std::to_string(out) + " (" + name +
+                           ") is not built into this library; configure it with QUILLON_GEOMETRIES including " +
+                           std::to_string(out);
+  EXPECT_TRUE(std::regex_search(err, std::regex(qt::fatal_re(want) + "\n$"))) << err;
 }
 
 TEST(Names, CopyRules) {
@@ -149,7 +169,7 @@ TEST(FrameDeathTest, ConfigWithoutSelection) {
 }
 
 TEST(FrameDeathTest, NormUnderGeometryTwo) {
-  ASSERT_EQ(quillon_select_geometry(2), 0);
+  QT_SELECT_GEOMETRY(2);
   EXPECT_QUILLON_FATAL((void)quillon_rmsnorm(nullptr, nullptr, nullptr, 1, 1e-6f, nullptr),
                        "geometry 2 does not carry this op; it belongs to a model family this build instantiates for "
                        "other ids (see quillon_geometry_name)");

@@ -110,7 +110,7 @@ Entry kquant_entry(void (*f)(const pj::ProjCall&, const pj::FormKQuant::Weight&)
 
 class Proj : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(quillon_select_geometry(0), 0); }
+  void SetUp() override { QT_SELECT_GEOMETRY(0); }
 };
 
 TEST_F(Proj, Bf16Projections) {
@@ -182,7 +182,7 @@ int64_t split_bytes(int64_t M, int64_t N, int64_t K) {
 }
 void check_scratch() {
   const int64_t Ms[] = {1, 16, 32, 33, 255, 256, 257, 1000};
-  ASSERT_EQ(quillon_select_geometry(0), 0);
+  QT_SELECT_GEOMETRY(0);
   for (int64_t M : Ms) {
     SCOPED_TRACE(testing::Message() << "M=" << M);
     const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
@@ -194,14 +194,14 @@ void check_scratch() {
                         c * 135168}));
     EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 4096 * 2, split_bytes(M, 2048, 4096)));
   }
-  ASSERT_EQ(quillon_select_geometry(1), 0);
+  QT_SELECT_GEOMETRY(1);
   for (int64_t M : Ms) {
     const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
     EXPECT_EQ(pj::linear_in_scratch_bytes(M),
               std::max({Mt * 2621440, split_bytes(M, 128, 5120), split_bytes(M, 6144, 5120), c * 200704}));
     EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 6144 * 2, split_bytes(M, 5120, 6144)));
   }
-  ASSERT_EQ(quillon_select_geometry(3), 0);
+  QT_SELECT_GEOMETRY(3);
   for (int64_t M : Ms) {
     const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
     EXPECT_EQ(pj::linear_in_scratch_bytes(M),
@@ -222,7 +222,7 @@ TEST(ProjAtCus, SplitsScratchAndKernels) {
   const int p2 = quillon::num_cus_p2();
   EXPECT_TRUE(p2 == 1 || p2 == 8 || p2 == 128 || p2 == 1024) << p2;
   check_scratch();
-  ASSERT_EQ(quillon_select_geometry(0), 0);
+  QT_SELECT_GEOMETRY(0);
   qt::Rng rng(5);
   const Weight b = bf16_weight(2048, 4096, rng);
   for (int64_t M : {1, 33}) check(bf16_entry(pj::attn_out_scale_oproj), b, pj::Decode, M, true, rng);
