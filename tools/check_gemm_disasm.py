@@ -12,12 +12,11 @@ decode split of at most two trips has no loop left and passes as straight code.
 import argparse
 import os
 import re
-import subprocess
 import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from isa_report import demangle, device_object, tool  # noqa: E402
+from isa_report import demangle, disassembly  # noqa: E402
 
 KERNELS = ("gemm_kernel", "gemm_splitk_kernel", "gemm_seg2_kernel", "proj_decode_splitk_kernel")
 
@@ -80,12 +79,9 @@ def main():
     seen, fails, rows = set(), [], []
     with tempfile.TemporaryDirectory() as tmp:
         for obj in sorted(objs):
-            dev = device_object(obj, tmp)
-            if not dev:
+            text = disassembly(obj, tmp)
+            if text is None:
                 continue
-            text = subprocess.run([tool("llvm-objdump"), "-d", "--mcpu=gfx1151", dev], capture_output=True,
-                                  text=True).stdout
-            os.unlink(dev)
             fns = {k: v for k, v in functions(text).items() if any(s in k for s in KERNELS) and k not in seen}
             if not fns:
                 continue
