@@ -49,6 +49,16 @@ def device_objects(build_dir):
                 os.unlink(dev)
 
 
+def disassembly(obj, tmp):
+    """The gfx1151 disassembly of an object's device bundle, or None."""
+    dev = device_object(obj, tmp)
+    if not dev:
+        return None
+    text = subprocess.run([tool("llvm-objdump"), "-d", "--mcpu=gfx1151", dev], capture_output=True, text=True).stdout
+    os.unlink(dev)
+    return text
+
+
 def kernels_of(dev):
     out = subprocess.run([tool("llvm-readelf"), "--notes", dev], capture_output=True, text=True).stdout
     ks, cur, indent, in_kernels = [], None, None, False

@@ -5,6 +5,8 @@
 #include "quillon/quillon.h"
 #include "../device/geometry.h"
 #include "../norm/rmsnorm.h"
+#include "../rope/rope.h"
+#include "../cache/kv_cache.h"
 #include "../device/gather_embedding.h"
 #include "../embedding/lm_head_gemm.h"
 #include "../sampling/topk_topp.h"
@@ -119,6 +121,113 @@ QUILLON_API hipError_t quillon_rmsnorm_residual(const void* x, void* residual, c
 QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, void* out, int64_t H, int64_t rows,
                                             int64_t x_stride, int32_t x_is_fp32, float eps, hipStream_t stream) {
   dsv4_rmsnorm(x, weight, out, H, rows, x_stride, x_is_fp32 != 0, eps, stream);
+  return hipGetLastError();
+}
+
+/* ---- rotary embedding and QK norm ---- */
+QUILLON_API hipError_t quillon_rope_cos_sin(const int64_t* positions, const float* inv_freq, float* cos, float* sin,
+                                            int64_t n, hipStream_t stream) {
+  rope_cos_sin(positions, inv_freq, cos, sin, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_rope_cos_sin_mrope(const int64_t* positions, const float* inv_freq, float* cos,
+                                                  float* sin, int64_t n, hipStream_t stream) {
+  rope_cos_sin_mrope(positions, inv_freq, cos, sin, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_dsv4_rope_cos_sin(const int64_t* positions, const float* inv_freq, float scale,
+                                                 float* cos, float* sin, int64_t n, hipStream_t stream) {
+  dsv4_rope_cos_sin(positions, inv_freq, scale, cos, sin, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_rope_apply_q(void* x, const float* cos, const float* sin, int64_t n,
+                                            hipStream_t stream) {
+  rope_apply_q(x, cos, sin, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_rope_apply_k(void* x, const float* cos, const float* sin, int64_t n,
+                                            hipStream_t stream) {
+  rope_apply_k(x, cos, sin, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qk_norm(const void* qkv, int64_t row_stride, const void* q_weight,
+                                       const void* k_weight, void* q_out, void* k_out, int64_t n, float eps,
+                                       hipStream_t stream) {
+  qk_norm(qkv, row_stride, q_weight, k_weight, q_out, k_out, n, eps, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qk_norm_rope(const void* qkv, int64_t row_stride, const void* q_weight,
+                                            const void* k_weight, const float* cos, const float* sin, void* q_out,
+                                            void* k_out, int64_t n, float eps, hipStream_t stream) {
+  qk_norm_rope(qkv, row_stride, q_weight, k_weight, cos, sin, q_out, k_out, n, eps, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qk_norm_rope_split_k(const void* q, int64_t q_stride, const void* k, int64_t k_stride,
+                                                    const void* q_weight, const void* k_weight, const float* cos,
+                                                    const float* sin, void* q_out, void* k_out, int64_t n, float eps,
+                                                    hipStream_t stream) {
+  qk_norm_rope_split_k(q, q_stride, k, k_stride, q_weight, k_weight, cos, sin, q_out, k_out, n, eps, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_dsv4_rope_tail(void* x, const float* cos, const float* sin, int64_t head_size,
+                                              int64_t heads, int64_t tokens, int32_t inverse, hipStream_t stream) {
+  dsv4_rope_tail(x, cos, sin, head_size, heads, tokens, inverse != 0, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_dsv4_rope_tail_group(void* dst, const void* src, const float* cos, const float* sin,
+                                                    int64_t head_size, int64_t width, int64_t col_offset,
+                                                    int64_t cols, int64_t groups, int64_t rows, int32_t inverse,
+                                                    hipStream_t stream) {
+  dsv4_rope_tail_group(dst, src, cos, sin, head_size, width, col_offset, cols, groups, rows, rows, false,
+                       inverse != 0, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qwen4exp_indexer_rope(void* x, const float* cos, const float* sin, int64_t n,
+                                                     int64_t heads, hipStream_t stream) {
+  qwen4exp_indexer_rope(x, cos, sin, n, heads, stream);
+  return hipGetLastError();
+}
+
+/* ---- paged KV cache ---- */
+QUILLON_API void quillon_kv_pool_bytes(int64_t num_blocks, int64_t page, int32_t int8, int64_t* k_bytes_out,
+                                       int64_t* v_bytes_out) {
+  kv_pool_bytes(num_blocks, page, int8 != 0, k_bytes_out, v_bytes_out);
+}
+QUILLON_API void quillon_kv_scale_bytes(int64_t num_blocks, int64_t page, int64_t* k_scale_bytes_out,
+                                        int64_t* v_scale_bytes_out) {
+  kv_scale_bytes(num_blocks, page, k_scale_bytes_out, v_scale_bytes_out);
+}
+QUILLON_API int64_t quillon_kv_blocks_for(int64_t tokens, int64_t page) { return kv_blocks_for(tokens, page); }
+QUILLON_API hipError_t quillon_reshape_and_cache(const void* k, const void* v, int64_t k_row_stride,
+                                                 int64_t v_row_stride, void* k_cache, void* v_cache,
+                                                 const int32_t* slot_mapping, int64_t num_tokens, int64_t page,
+                                                 hipStream_t stream) {
+  reshape_and_cache(k, v, k_row_stride, v_row_stride, k_cache, v_cache, slot_mapping, num_tokens, page, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_reshape_and_cache_int8(const void* k, const void* v, int64_t k_row_stride,
+                                                      int64_t v_row_stride, void* k_cache, void* v_cache,
+                                                      void* k_scales, void* v_scales, const int32_t* slot_mapping,
+                                                      int64_t num_tokens, int64_t page, hipStream_t stream) {
+  reshape_and_cache_int8(k, v, k_row_stride, v_row_stride, k_cache, v_cache, k_scales, v_scales, slot_mapping,
+                         num_tokens, page, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_resolve_slots(const int32_t* block_table, int64_t row_stride, const int32_t* seq_ids,
+                                             const int32_t* positions, int32_t* slots_out, int64_t n, int64_t page,
+                                             hipStream_t stream) {
+  resolve_slots(block_table, row_stride, seq_ids, positions, slots_out, n, page, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_paged_window_blocks(int64_t head_tokens, int64_t tail_tokens, int64_t page) {
+  return paged_window_blocks(head_tokens, tail_tokens, page);
+}
+QUILLON_API hipError_t quillon_paged_window_view(const int32_t* block_table, int64_t row_stride,
+                                                 const int32_t* last_positions, int64_t num_seqs, int64_t head_tokens,
+                                                 int64_t tail_tokens, int32_t* view_table, int64_t view_row_stride,
+                                                 int32_t* view_seq_lens, int64_t page, hipStream_t stream) {
+  paged_window_view(block_table, row_stride, last_positions, num_seqs, head_tokens, tail_tokens, view_table,
+                    view_row_stride, view_seq_lens, page, stream);
   return hipGetLastError();
 }
 

@@ -15,8 +15,12 @@ QDEV float pair_sums8(const float v[8]) {
   return ((pair_sum(v, 0) + pair_sum(v, 1)) + pair_sum(v, 2)) + pair_sum(v, 3);
 }
 
+// Exchange-and-add by xor masks from LANES/2 down to 1: the whole wave, or
+// each group of LANES lanes where one wave holds several rows.
+template <int LANES = dev::kWave>
 QDEV float wave_butterfly(float s) {
-  for (int m = 16; m >= 1; m >>= 1) s += dev::shfl_xor_f(s, m);
+  static_assert(LANES >= 2 && LANES <= dev::kWave && (LANES & (LANES - 1)) == 0, "a power-of-two lane group");
+  for (int m = LANES / 2; m >= 1; m >>= 1) s += dev::shfl_xor_f(s, m);
   return s;
 }
 

@@ -82,4 +82,94 @@ QDEV float exp(float x) {
   const int k = (int)n, k1 = k / 2, k2 = k - k1;  // both halves in the normal range
   return y * u2f((uint32_t)(k1 + 127) << 23) * u2f((uint32_t)(k2 + 127) << 23);
 }
+
+// Sine and cosine in single precision with exact argument reduction, in integer
+// and float arithmetic only, so both flavours give the same bits. Rotary angles
+// reach 2^31 and beyond, where the hardware's reduction has no bits left.
+namespace trig {
+// 32-bit words of 2/pi after the binary point, behind one zero word so that the
+// window of an argument near 1 may start before the point.
+QDEV uint32_t two_over_pi_word(int k) {
+  switch (k) {
+    case 1: return 0xA2F9836Eu;
+    case 2: return 0x4E441529u;
+    case 3: return 0xFC2757D1u;
+    case 4: return 0xF534DDC0u;
+    case 5: return 0xDB629599u;
+    case 6: return 0x3C439041u;
+    case 7: return 0xFE5163ABu;
+    default: return 0u;
+  }
+}
+QDEV uint32_t window_word(int k, int sh) {
+  const uint32_t hi = two_over_pi_word(k), lo = two_over_pi_word(k + 1);
+  return sh ? (hi << sh) | (lo >> (32 - sh)) : hi;
+}
+// x = (q + f) pi/2 with q mod 4 and |f| <= 1/2, f pi/2 returned as r + lo.
+// |x| = m 2^e with an integer m below 2^24. Of (2/pi) 2^e only its value mod 4
+// matters to m (2/pi) 2^e mod 4: 96 bits from bit e-1 of 2/pi on, so that after
+// the product 62 bits remain behind the quadrant, against at most about 30 lost
+// to cancellation near a multiple of pi/2.
+struct Reduced {
+  float r, lo;
+  int q;
+};
+QDEV Reduced reduce(float x) {
+  const uint32_t ix = f2u(x) & 0x7fffffffu;
+  if (ix <= 0x3f490fdbu) return Reduced{x, 0.0f, 0};  // |x| <= pi/4
+  const int e = (int)(ix >> 23) - 150;
+  const uint64_t m = (ix & 0x7fffffu) | 0x800000u;
+  const int g = e + 30;  // bit e-1 of 2/pi, counting the zero word
+  const int k = g >> 5, sh = g & 31;
+  const uint64_t p0 = m * window_word(k + 2, sh), p1 = m * window_word(k + 1, sh), p2 = m * window_word(k, sh);
+  // Bits 32..95 of the product: quadrant in the top two, the fraction below.
+  const uint64_t w = (p2 << 32) + p1 + (p0 >> 32);
+  const uint64_t q = (w + (1ull << 61)) >> 62;
+  const int64_t f = (int64_t)(w - (q << 62));  // f 2^-62 in [-1/2, 1/2)
+  const float fh = (float)f, fl = (float)(f - (int64_t)fh);
+  const float ch = 0x1.921fb6p-62f;   // float(pi/2) 2^-62
+  const float cl = -0x1.777a5cp-87f;  // (pi/2 - float(pi/2)) 2^-62
+  const float hi = fh * ch;
+  const float t = __builtin_fmaf(fl, ch, __builtin_fmaf(fh, cl, __builtin_fmaf(fh, ch, -hi)));
+  const float r = hi + t;
+  const float lo = t - (r - hi);
+  const int qi = (int)(q & 3u);
+  if (f2u(x) >> 31) return Reduced{-r, -lo, (4 - qi) & 3};
+  return Reduced{r, lo, qi};
+}
+// On |r| <= pi/4, with lo the tail of the reduced argument.
+QDEV float sin_poly(float r, float lo) {
+  const float z = r * r;
+  const float p = __builtin_fmaf(__builtin_fmaf(-1.9515295891e-4f, z, 8.3321608736e-3f), z, -1.6666654611e-1f);
+  return r + __builtin_fmaf(r * z, p, lo);
+}
+QDEV float cos_poly(float r, float lo) {
+  const float z = r * r;
+  const float p = __builtin_fmaf(__builtin_fmaf(2.443315711809948e-5f, z, -1.388731625493765e-3f), z,
+                                 4.166664568298827e-2f);
+  const float hz = 0.5f * z, w = 1.0f - hz;
+  return w + (((1.0f - w) - hz) + __builtin_fmaf(z * z, p, -(r * lo)));
+}
+}  // namespace trig
+
+QDEV float sin(float x) {
+  if ((f2u(x) & 0x7fffffffu) >= 0x7f800000u) return x - x;
+  const trig::Reduced a = trig::reduce(x);
+  switch (a.q) {
+    case 0: return trig::sin_poly(a.r, a.lo);
+    case 1: return trig::cos_poly(a.r, a.lo);
+    case 2: return -trig::sin_poly(a.r, a.lo);
+    default: return -trig::cos_poly(a.r, a.lo);
+  }
+}
+QDEV float cos(float x) {
+  if ((f2u(x) & 0x7fffffffu) >= 0x7f800000u) return x - x;
+  const trig::Reduced a = trig::reduce(x);
+  switch (a.q) {
+    case 0: return trig::cos_poly(a.r, a.lo);
+    case 1: return -trig::sin_poly(a.r, a.lo);
+    case 2: return -trig::cos_poly(a.r, a.lo);
+    default: return trig::sin_poly(a.r, a.lo);
+  }
+}
 }  // namespace quillon::dev

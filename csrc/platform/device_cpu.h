@@ -112,6 +112,4 @@ QDEV float exp2(float x) { return exp2f(x); }
 QDEV float rcp(float x) { return 1.0f / x; }
 QDEV float rsq(float x) { return 1.0f / sqrtf(x); }
 QDEV float sqrt(float x) { return sqrtf(x); }
-QDEV float sin(float x) { return sinf(x); }
-QDEV float cos(float x) { return cosf(x); }
 }  // namespace quillon::dev

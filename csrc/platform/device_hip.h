@@ -122,6 +122,4 @@ QDEV float exp2(float x) { return __builtin_amdgcn_exp2f(x); }
 QDEV float rcp(float x) { return __builtin_amdgcn_rcpf(x); }
 QDEV float rsq(float x) { return __builtin_amdgcn_rsqf(x); }
 QDEV float sqrt(float x) { return __builtin_sqrtf(x); }
-QDEV float sin(float x) { return __builtin_amdgcn_sinf(x * 0.15915494309189535f); }
-QDEV float cos(float x) { return __builtin_amdgcn_cosf(x * 0.15915494309189535f); }
 }  // namespace quillon::dev

@@ -141,6 +141,73 @@ QUILLON_API hipError_t quillon_rmsnorm_residual(const void* x, void* residual, c
 QUILLON_API hipError_t quillon_dsv4_rmsnorm(const void* x, const void* weight, void* out, int64_t H, int64_t rows,
                                             int64_t x_stride, int32_t x_is_fp32, float eps, hipStream_t stream);
 
+/* ---- rotary embedding and QK norm ---- */
+/* Tables: one row of floats per token. The plain and M-RoPE forms write 64
+ * (32 pairs, each entry twice), the DeepSeek form 32 entries times `scale`.
+ * positions is [n], or [3, n] for M-RoPE; inv_freq one float per pair. */
+QUILLON_API hipError_t quillon_rope_cos_sin(const int64_t* positions, const float* inv_freq, float* cos, float* sin,
+                                            int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_rope_cos_sin_mrope(const int64_t* positions, const float* inv_freq, float* cos,
+                                                  float* sin, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_dsv4_rope_cos_sin(const int64_t* positions, const float* inv_freq, float scale,
+                                                 float* cos, float* sin, int64_t n, hipStream_t stream);
+/* In-place rotation of dims (j, j+32) of dense [n, heads, 256] queries or keys. */
+QUILLON_API hipError_t quillon_rope_apply_q(void* x, const float* cos, const float* sin, int64_t n,
+                                            hipStream_t stream);
+QUILLON_API hipError_t quillon_rope_apply_k(void* x, const float* cos, const float* sin, int64_t n,
+                                            hipStream_t stream);
+/* Per-head RMS norm of the fused QKV row into dense q_out, k_out; the rope
+ * forms rotate the first 64 dims before rounding. */
+QUILLON_API hipError_t quillon_qk_norm(const void* qkv, int64_t row_stride, const void* q_weight,
+                                       const void* k_weight, void* q_out, void* k_out, int64_t n, float eps,
+                                       hipStream_t stream);
+QUILLON_API hipError_t quillon_qk_norm_rope(const void* qkv, int64_t row_stride, const void* q_weight,
+                                            const void* k_weight, const float* cos, const float* sin, void* q_out,
+                                            void* k_out, int64_t n, float eps, hipStream_t stream);
+QUILLON_API hipError_t quillon_qk_norm_rope_split_k(const void* q, int64_t q_stride, const void* k, int64_t k_stride,
+                                                    const void* q_weight, const void* k_weight, const float* cos,
+                                                    const float* sin, void* q_out, void* k_out, int64_t n, float eps,
+                                                    hipStream_t stream);
+/* Adjacent-pair rotation of the last 64 dims of each head; the group form
+ * copies column groups out of rows of `width` into [groups][rows][cols]. */
+QUILLON_API hipError_t quillon_dsv4_rope_tail(void* x, const float* cos, const float* sin, int64_t head_size,
+                                              int64_t heads, int64_t tokens, int32_t inverse, hipStream_t stream);
+QUILLON_API hipError_t quillon_dsv4_rope_tail_group(void* dst, const void* src, const float* cos, const float* sin,
+                                                    int64_t head_size, int64_t width, int64_t col_offset,
+                                                    int64_t cols, int64_t groups, int64_t rows, int32_t inverse,
+                                                    hipStream_t stream);
+/* In-place rotation of pooled indexer rows: 1 or 4 heads of 128. */
+QUILLON_API hipError_t quillon_qwen4exp_indexer_rope(void* x, const float* cos, const float* sin, int64_t n,
+                                                     int64_t heads, hipStream_t stream);
+
+/* ---- paged KV cache ---- */
+/* Pages of 16 slots. K pool [page][kv_head][dim/16][slot][dim%16], V pool
+ * [page][kv_head][dim][slot], bf16 or int8 with bf16 scales (K per 32 dims of
+ * a slot and head, V per slot and head). A negative slot is skipped. */
+QUILLON_API void quillon_kv_pool_bytes(int64_t num_blocks, int64_t page, int32_t int8, int64_t* k_bytes_out,
+                                       int64_t* v_bytes_out);
+QUILLON_API void quillon_kv_scale_bytes(int64_t num_blocks, int64_t page, int64_t* k_scale_bytes_out,
+                                        int64_t* v_scale_bytes_out);
+QUILLON_API int64_t quillon_kv_blocks_for(int64_t tokens, int64_t page);
+QUILLON_API hipError_t quillon_reshape_and_cache(const void* k, const void* v, int64_t k_row_stride,
+                                                 int64_t v_row_stride, void* k_cache, void* v_cache,
+                                                 const int32_t* slot_mapping, int64_t num_tokens, int64_t page,
+                                                 hipStream_t stream);
+QUILLON_API hipError_t quillon_reshape_and_cache_int8(const void* k, const void* v, int64_t k_row_stride,
+                                                      int64_t v_row_stride, void* k_cache, void* v_cache,
+                                                      void* k_scales, void* v_scales, const int32_t* slot_mapping,
+                                                      int64_t num_tokens, int64_t page, hipStream_t stream);
+QUILLON_API hipError_t quillon_resolve_slots(const int32_t* block_table, int64_t row_stride, const int32_t* seq_ids,
+                                             const int32_t* positions, int32_t* slots_out, int64_t n, int64_t page,
+                                             hipStream_t stream);
+/* A view of the first head_tokens and last tail_tokens of each sequence,
+ * rounded out to whole pages: a dense block table and matching lengths. */
+QUILLON_API int64_t quillon_paged_window_blocks(int64_t head_tokens, int64_t tail_tokens, int64_t page);
+QUILLON_API hipError_t quillon_paged_window_view(const int32_t* block_table, int64_t row_stride,
+                                                 const int32_t* last_positions, int64_t num_seqs, int64_t head_tokens,
+                                                 int64_t tail_tokens, int32_t* view_table, int64_t view_row_stride,
+                                                 int32_t* view_seq_lens, int64_t page, hipStream_t stream);
+
 /* ---- embedding gather ---- */
 QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* table, void* out, int64_t n,
                                                 hipStream_t stream);
