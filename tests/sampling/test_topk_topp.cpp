@@ -138,9 +138,10 @@ TEST(TopKTopPDeathTest, WidthChecksComeFirst) {
   float* nothing = nullptr;
   EXPECT_QUILLON_FATAL(quillon_sampling_topk_topp(nothing, nothing, nullptr, 1, 100, 0, nullptr, nothing, nullptr),
                        "top_k width must be in 1..1024 (got 0)");
-  EXPECT_QUILLON_FATAL(quillon_sampling_topk_topp(nothing, nothing, nullptr, 1, 5000, 1025, nullptr, nothing, nullptr),
+  // Past both the cap and the vocabulary: the width check comes first.
+  EXPECT_QUILLON_FATAL(quillon_sampling_topk_topp(nothing, nothing, nullptr, 1, 1000, 1025, nullptr, nothing, nullptr),
                        "top_k width must be in 1..1024 (got 1025)");
-  // The width check precedes the vocabulary check, and both precede rows 0.
+  // Both checks precede rows 0.
   EXPECT_QUILLON_FATAL(quillon_sampling_topk_topp(nothing, nothing, nullptr, 0, 5, -3, nullptr, nothing, nullptr),
                        "top_k width must be in 1..1024 (got -3)");
   EXPECT_QUILLON_FATAL(quillon_sampling_topk_topp(nothing, nothing, nullptr, 0, 9, 10, nullptr, nothing, nullptr),
