@@ -2,6 +2,7 @@
 // weight read back through the device dequantiser against the reference.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -85,53 +86,49 @@ TEST(KQuantShuffleDeathTest, PlaneClear) {
               ::testing::ExitedWithCode(1), "\\[HIP\\] [^:]+:[0-9]+: ");
 }
 
-// Shuffles an N x K tensor into poisoned planes and checks every byte against
-// the layout, then every weight through the device dequantiser.
+// Shuffles an N x K tensor into poisoned planes and reads every weight back
+// through the device dequantiser; `planes` sees the planes in between.
+std::vector<uint16_t> shuffle_and_read(int id, const std::vector<uint8_t>& src, int64_t N, int64_t K,
+                                       const std::function<void(const qt::DevBuf&, const qt::DevBuf&)>& planes = {}) {
+  qt::DevBuf dsrc = qt::DevBuf::from(src);
+  qt::DevBuf quant((size_t)quillon_kquant_quant_bytes(id, N, K)), meta((size_t)quillon_kquant_meta_bytes(id, N, K));
+  quillon::gemm_kquant_shuffle_b(id, dsrc.get(), quant.get(), meta.get(), N, K, nullptr);
+  EXPECT_EQ(hipGetLastError(), hipSuccess);
+  EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  if (planes) planes(quant, meta);
+  qt::DevBuf out((size_t)(N * K * 2));
+  qt::read_kquant(id, quant.get(), meta.get(), N, K, out.as<uint16_t>());
+  EXPECT_EQ(hipGetLastError(), hipSuccess);
+  EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  return out.download<uint16_t>();
+}
+
+// Every byte of the planes against the layout, then every weight.
 void check_format(int id, int64_t N, int64_t K, uint64_t seed) {
   SCOPED_TRACE("format " + std::to_string(id) + " N " + std::to_string(N) + " K " + std::to_string(K));
   const std::vector<uint8_t> src = random_tensor(id, N, K, seed);
   ASSERT_EQ((int64_t)src.size(), quillon_kquant_gguf_bytes(id, N, K));
-  qt::DevBuf dsrc = qt::DevBuf::from(src);
-  qt::DevBuf quant((size_t)quillon_kquant_quant_bytes(id, N, K)), meta((size_t)quillon_kquant_meta_bytes(id, N, K));
-  quillon::gemm_kquant_shuffle_b(id, dsrc.get(), quant.get(), meta.get(), N, K, nullptr);
-  QT_HIP(hipGetLastError());
-  QT_HIP(hipStreamSynchronize(nullptr));
-
   const ref::KPlanes want = ref::kquant_planes(id, src, N, K);
-  EXPECT_BITS_EQ(quant.download<uint8_t>(), want.quant);
-  std::vector<uint8_t> meta_got = meta.download<uint8_t>(), meta_want = want.meta;
-  for (size_t i = 0; i < meta_want.size(); ++i)
-    if (!want.meta_written[i]) meta_want[i] = 0xFF;  // unwritten: the poison stays
-  EXPECT_BITS_EQ(meta_got, meta_want);
-  EXPECT_TRUE(quant.guards_intact());
-  EXPECT_TRUE(meta.guards_intact());
-
-  qt::DevBuf out((size_t)(N * K * 2));
-  qt::read_kquant(id, quant.get(), meta.get(), N, K, out.as<uint16_t>());
-  QT_HIP(hipGetLastError());
-  QT_HIP(hipStreamSynchronize(nullptr));
-  EXPECT_BITS_EQ(out.download<uint16_t>(), ref::kquant_dequant(id, src, N, K));
+  const auto w = shuffle_and_read(id, src, N, K, [&](const qt::DevBuf& quant, const qt::DevBuf& meta) {
+    EXPECT_BITS_EQ(quant.download<uint8_t>(), want.quant);
+    std::vector<uint8_t> meta_want = want.meta;
+    for (size_t i = 0; i < meta_want.size(); ++i)
+      if (!want.meta_written[i]) meta_want[i] = 0xFF;  // unwritten: the poison stays
+    EXPECT_BITS_EQ(meta.download<uint8_t>(), meta_want);
+    EXPECT_TRUE(quant.guards_intact() && meta.guards_intact());
+  });
+  EXPECT_BITS_EQ(w, ref::kquant_dequant(id, src, N, K));
 }
 
-class KQuantFormatTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(KQuantFormatTest, OneTileRow) {
-  // N 32, K 256: exactly one meta tile and eight quant tiles.
-  const int id = GetParam();
-  const ref::KFormat f = ref::kformat(id);
-  EXPECT_EQ(quillon_kquant_meta_bytes(id, 32, 256), f.meta_tile);
-  EXPECT_EQ(quillon_kquant_quant_bytes(id, 32, 256), 8 * 32 * 4 * f.bits + 4);
-  check_format(id, 32, 256, 100 + id);
-}
-
-TEST_P(KQuantFormatTest, SeveralSuperBlocks) { check_format(GetParam(), 128, 768, 200 + GetParam()); }
-
-INSTANTIATE_TEST_SUITE_P(AllFormats, KQuantFormatTest, ::testing::ValuesIn(ref::kKquantIds),
-                         [](const auto& info) { return "id" + std::to_string(info.param); });
-
-// Ids 8 and 20 take K in 32s: the last super-block is partial, its meta
-// entries past K stay unwritten and no group past K / 32 - 1 is written.
-TEST(KQuantRagged, Block32Formats) {
+// Every format at one tile row (N 32, K 256: one meta tile, eight quant
+// tiles) and at several super-blocks. Ids 8 and 20 take K in 32s: the last
+// super-block is partial, its meta entries past K stay unwritten and no group
+// past K / 32 - 1 is written.
+TEST(KQuantFormats, PlanesAndValues) {
+  for (int id : ref::kKquantIds) {
+    check_format(id, 32, 256, 100 + id);
+    check_format(id, 128, 768, 200 + id);
+  }
   for (int id : {8, 20}) {
     check_format(id, 64, 288, 300 + id);
     check_format(id, 32, 608, 310 + id);
@@ -172,27 +169,16 @@ TEST(KQuantBatched, MatrixStride) {
 TEST(KQuantValues, WorkedExamples) {
   std::vector<uint8_t> q4(144 * 32, 0);
   q4[0] = 0x00, q4[1] = 0x38, q4[2] = 0x00, q4[3] = 0x34, q4[4 + 1] = 0x07, q4[4 + 5] = 0x03, q4[16 + 5] = 0xA3;
+  const auto w4 = shuffle_and_read(4, q4, 32, 256);
+  EXPECT_EQ(qt::bf(w4[37]), 34.25f);
+  EXPECT_EQ(qt::bf(w4[5]), 0.0f);
+  EXPECT_EQ(qt::bf(w4[32]), -0.75f);  // code 0: only the min term
   std::vector<uint8_t> q8(34 * 32, 0);
   q8[1] = 0x3C, q8[2 + 3] = 0x80, q8[2 + 4] = 0x7F;  // d 1.0
-  for (auto [id, src] : {std::pair<int, std::vector<uint8_t>*>{4, &q4}, {8, &q8}}) {
-    const int64_t N = 32, K = id == 4 ? 256 : 32;
-    qt::DevBuf dsrc = qt::DevBuf::from(*src);
-    qt::DevBuf quant((size_t)quillon_kquant_quant_bytes(id, N, K)), meta((size_t)quillon_kquant_meta_bytes(id, N, K));
-    quillon::gemm_kquant_shuffle_b(id, dsrc.get(), quant.get(), meta.get(), N, K, nullptr);
-    qt::DevBuf out((size_t)(N * K * 2));
-    qt::read_kquant(id, quant.get(), meta.get(), N, K, out.as<uint16_t>());
-    QT_HIP(hipStreamSynchronize(nullptr));
-    const std::vector<uint16_t> w = out.download<uint16_t>();
-    if (id == 4) {
-      EXPECT_EQ(qt::bf(w[37]), 34.25f);
-      EXPECT_EQ(qt::bf(w[5]), 0.0f);
-      EXPECT_EQ(qt::bf(w[32]), -0.75f);  // code 0: only the min term
-    } else {
-      EXPECT_EQ(qt::bf(w[3]), -128.0f);
-      EXPECT_EQ(qt::bf(w[4]), 127.0f);
-      EXPECT_EQ(qt::bf(w[0]), 0.0f);
-    }
-  }
+  const auto w8 = shuffle_and_read(8, q8, 32, 32);
+  EXPECT_EQ(qt::bf(w8[3]), -128.0f);
+  EXPECT_EQ(qt::bf(w8[4]), 127.0f);
+  EXPECT_EQ(qt::bf(w8[0]), 0.0f);
 }
 
 // Dequantised weights round by adding 0x8000 (half away on the magnitude),
@@ -205,13 +191,7 @@ TEST(KQuantValues, RoundingIsHalfAway) {
     B[0] = 0x04, B[1] = 0x3C;  // d = 1 + 2^-8
     B[2] = 0x01, B[3] = 0xFF, B[4] = 0x02;
   }
-  qt::DevBuf dsrc = qt::DevBuf::from(q8);
-  qt::DevBuf quant((size_t)quillon_kquant_quant_bytes(8, 32, 32)), meta((size_t)quillon_kquant_meta_bytes(8, 32, 32));
-  quillon::gemm_kquant_shuffle_b(8, dsrc.get(), quant.get(), meta.get(), 32, 32, nullptr);
-  qt::DevBuf out(32 * 32 * 2);
-  qt::read_kquant(8, quant.get(), meta.get(), 32, 32, out.as<uint16_t>());
-  QT_HIP(hipStreamSynchronize(nullptr));
-  const std::vector<uint16_t> w = out.download<uint16_t>();
+  const std::vector<uint16_t> w = shuffle_and_read(8, q8, 32, 32);
   for (int n = 0; n < 32; ++n) {
     EXPECT_EQ(w[n * 32 + 0], 0x3f81);
     EXPECT_EQ(w[n * 32 + 1], 0xbf81);

@@ -75,6 +75,30 @@ TEST(GgufTables, ValueTables) {
   }
 }
 
+// The low-bit shuffle of `mats` matrices of R rows into poisoned planes, and
+// every weight read back through the device dequantiser.
+struct LowBitRun {
+  std::vector<uint8_t> p[3];
+  bool guards = true;
+  std::vector<uint16_t> w;
+};
+LowBitRun shuffle_and_read(int q, const std::vector<uint8_t>& src, int64_t R, int64_t K, int64_t mats, int64_t stride) {
+  qt::DevBuf dsrc = qt::DevBuf::from(src), p[3], out((size_t)(mats * R * K * 2));
+  for (int i = 0; i < 3; ++i) p[i] = qt::DevBuf((size_t)iquant::lowbit_plane_bytes(q, i, stride, K));
+  qt::shuffle_lowbit(q, dsrc.get(), p[0].get(), p[1].get(), p[2].get(), R, K, mats, stride);
+  EXPECT_EQ(hipGetLastError(), hipSuccess);
+  EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  LowBitRun r;
+  for (int i = 0; i < 3; ++i) {
+    r.p[i] = p[i].download<uint8_t>();
+    r.guards = r.guards && p[i].guards_intact();
+  }
+  qt::read_lowbit(q, p[0].get(), p[1].get(), p[2].get(), stride, mats * R, K, out.as<uint16_t>());
+  EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  r.w = out.download<uint16_t>();
+  return r;
+}
+
 // Low-bit shuffles of two matrices into K-block-major planes (poisoned first:
 // the launch clears them), the bytes against the layout, then every weight.
 // With `edge_exponents`, MXFP4 blocks take the exponent bytes 0 and 1 (scales
@@ -95,26 +119,18 @@ void check_lowbit(int q, int64_t R, int64_t K, uint64_t seed, bool edge_exponent
   ASSERT_EQ((int64_t)want.p0.size(), iquant::lowbit_plane_bytes(q, 0, stride, K));
   ASSERT_EQ((int64_t)want.p1.size(), iquant::lowbit_plane_bytes(q, 1, stride, K));
   ASSERT_EQ((int64_t)want.p2.size(), iquant::lowbit_plane_bytes(q, 2, stride, K));
-  qt::DevBuf dsrc = qt::DevBuf::from(src);
-  qt::DevBuf p0(want.p0.size()), p1(want.p1.size()), p2(want.p2.size());
-  qt::shuffle_lowbit(q, dsrc.get(), p0.get(), p1.get(), p2.get(), R, K, kMats, stride);
-  QT_HIP(hipGetLastError());
-  QT_HIP(hipStreamSynchronize(nullptr));
-  EXPECT_BITS_EQ(p0.download<uint8_t>(), want.p0);
-  EXPECT_BITS_EQ(p1.download<uint8_t>(), want.p1);
-  EXPECT_BITS_EQ(p2.download<uint8_t>(), want.p2);
-  EXPECT_TRUE(p0.guards_intact() && p1.guards_intact() && p2.guards_intact());
-
-  qt::DevBuf out((size_t)(rows * K * 2));
-  qt::read_lowbit(q, p0.get(), p1.get(), p2.get(), stride, rows, K, out.as<uint16_t>());
-  QT_HIP(hipStreamSynchronize(nullptr));
+  const LowBitRun got = shuffle_and_read(q, src, R, K, kMats, stride);
+  EXPECT_BITS_EQ(got.p[0], want.p0);
+  EXPECT_BITS_EQ(got.p[1], want.p1);
+  EXPECT_BITS_EQ(got.p[2], want.p2);
+  EXPECT_TRUE(got.guards);
   const ref::LowBitTables t = ref::load_lowbit_tables(kTables);
   std::vector<uint16_t> w((size_t)(rows * K));
   for (int64_t r = 0; r < rows; ++r)
     for (int64_t k = 0; k < K; ++k)
       w[(size_t)(r * K + k)] =
           ref::round_dequant(ref::lowbit_value(t, q, src.data() + r * (K / bw * bb) + (k / bw) * bb, (int)(k % bw)));
-  EXPECT_BITS_EQ(out.download<uint16_t>(), w);
+  EXPECT_BITS_EQ(got.w, w);
 }
 
 TEST(LowBit, ShuffleAndValues) {
@@ -138,15 +154,7 @@ TEST(LowBit, WorkedExample) {
     const uint32_t A = 0x30000020u;
     std::memcpy(B + 14, &A, 4);
   }
-  qt::DevBuf dsrc = qt::DevBuf::from(blk);
-  const int64_t stride = 32;
-  qt::DevBuf p0(iquant::lowbit_plane_bytes(0, 0, stride, 256)), p1(iquant::lowbit_plane_bytes(0, 1, stride, 256)),
-      p2(iquant::lowbit_plane_bytes(0, 2, stride, 256));
-  qt::shuffle_lowbit(0, dsrc.get(), p0.get(), p1.get(), p2.get(), 32, 256, 1, stride);
-  qt::DevBuf out(32 * 256 * 2);
-  qt::read_lowbit(0, p0.get(), p1.get(), p2.get(), stride, 32, 256, out.as<uint16_t>());
-  QT_HIP(hipStreamSynchronize(nullptr));
-  const std::vector<uint16_t> w = out.download<uint16_t>();
+  const std::vector<uint16_t> w = shuffle_and_read(0, blk, 32, 256, 1, 32).w;
   const float want[8] = {37.75f, 7, 7, 7, 7, -7, 7, -7};
   for (int r = 0; r < 32; ++r)
     for (int i = 0; i < 8; ++i) EXPECT_EQ(qt::bf(w[r * 256 + 32 + i]), want[i]) << r << " " << i;
@@ -242,11 +250,6 @@ TEST(Fp8, ScaleTableTranspose) {
     for (int64_t n = 0; n < nb; ++n) EXPECT_EQ(got[k * nb + n], src[n * kb + k]) << k << " " << n;
   EXPECT_TRUE(dst.guards_intact());
   EXPECT_EQ(quillon_proj_scale_shuffle_fp8(nullptr, nullptr, 0, K, nullptr), hipSuccess);
-}
-
-TEST(Fp8, ScaleIndexOfAWeight) {
-  EXPECT_EQ(gemm_core::fp8_scale_index(384, 300, 700), 5 * 3 + 2);
-  EXPECT_EQ(gemm_core::fp8_scale_index(384, 127, 127), 0);
 }
 
 }  // namespace

@@ -137,6 +137,9 @@ TEST(Drafts, SelectionByDeclaredShape) {
   EXPECT_EQ(quillon_select_draft(&bad), 1);
   EXPECT_EQ(quillon_active_draft(), 1);
   bad = s1;
+  bad.num_q_heads = 16;
+  EXPECT_EQ(quillon_select_draft(&bad), 1);
+  bad = s1;
   bad.hidden_size = s0.hidden_size;  // a mix of both drafts matches neither
   EXPECT_EQ(quillon_select_draft(&bad), 1);
   EXPECT_EQ(quillon_select_draft(&s0), 0);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <type_traits>
 
 #include "proj_test_util.h"
 #include "device/device_config.h"
@@ -98,14 +99,14 @@ void paths(const Entry& entry, const Weight& w, bool prefill, qt::Rng& rng) {
   }
 }
 
-Entry bf16_entry(void (*f)(const pj::ProjCall&, const uint16_t* const&)) {
-  return [f](const pj::ProjCall& c, const Weight& w) { f(c, w.bf16()); };
-}
-Entry fp8_entry(void (*f)(const pj::ProjCall&, const gc::Fp8Operand&)) {
-  return [f](const pj::ProjCall& c, const Weight& w) { f(c, w.fp8()); };
-}
-Entry kquant_entry(void (*f)(const pj::ProjCall&, const pj::FormKQuant::Weight&)) {
-  return [f](const pj::ProjCall& c, const Weight& w) { f(c, w.kquant()); };
+// An entry over the weight's operand, whichever form its second parameter takes.
+template <class W>
+Entry entry(void (*f)(const pj::ProjCall&, const W&)) {
+  return [f](const pj::ProjCall& c, const Weight& w) {
+    if constexpr (std::is_same_v<W, const uint16_t*>) f(c, w.bf16());
+    else if constexpr (std::is_same_v<W, gc::Fp8Operand>) f(c, w.fp8());
+    else f(c, w.kquant());
+  };
 }
 
 class Proj : public testing::Test {
@@ -116,20 +117,20 @@ class Proj : public testing::Test {
 TEST_F(Proj, Bf16Projections) {
   qt::Rng rng(1);
   // No split: N from 8704.
-  paths(bf16_entry(pj::qkv_proj), bf16_weight(9216, 2048, rng), true, rng);
+  paths(entry(pj::qkv_proj), bf16_weight(9216, 2048, rng), true, rng);
   // Split at N 2048, whose no-split decode runs the plain loop.
-  paths(bf16_entry(pj::attn_out_scale_oproj), bf16_weight(2048, 4096, rng), true, rng);
+  paths(entry(pj::attn_out_scale_oproj), bf16_weight(2048, 4096, rng), true, rng);
 }
 
 TEST_F(Proj, Bf16SingleTile) {
   qt::Rng rng(2);
-  paths(bf16_entry(pj::linear_in_proj_ba), one_tile_bf16(2048, rng), true, rng);
+  paths(entry(pj::linear_in_proj_ba), one_tile_bf16(2048, rng), true, rng);
 }
 
 TEST_F(Proj, Fp8Projections) {
   qt::Rng rng(3);
-  paths(fp8_entry(pj::qkv_proj_fp8), fp8_weight(9216, 2048, rng), true, rng);
-  paths(fp8_entry(pj::linear_out_proj_fp8), fp8_weight(2048, 4096, rng), true, rng);
+  paths(entry(pj::qkv_proj_fp8), fp8_weight(9216, 2048, rng), true, rng);
+  paths(entry(pj::linear_out_proj_fp8), fp8_weight(2048, 4096, rng), true, rng);
 }
 
 TEST_F(Proj, KQuantProjectionsEveryFormat) {
@@ -137,25 +138,12 @@ TEST_F(Proj, KQuantProjectionsEveryFormat) {
   for (int F : {3, 4, 5, 6, 8, 20, 23}) {
     SCOPED_TRACE(testing::Message() << "format " << F);
     const Weight w = kquant_weight(F, 2048, 4096, 100 + F);
-    for (int64_t M : {1, 17, 33}) check(kquant_entry(pj::attn_out_scale_oproj_kquant), w, pj::Decode, M, false, rng);
+    for (int64_t M : {1, 17, 33}) check(entry(pj::attn_out_scale_oproj_kquant), w, pj::Decode, M, false, rng);
   }
   // Both row tiles, the split at N 4096 and 8192, and the prefill path.
-  paths(kquant_entry(pj::linear_in_proj_z_kquant), kquant_weight(4, 4096, 2048, 7), true, rng);
-  paths(kquant_entry(pj::linear_in_proj_qkv_kquant), kquant_weight(6, 8192, 2048, 8), false, rng);
-  paths(kquant_entry(pj::qkv_proj_kquant), kquant_weight(8, 9216, 2048, 9), true, rng);
-}
-
-TEST_F(Proj, NothingHappensAtMZero) {
-  qt::DevBuf c(64);
-  const pj::ProjCall call{nullptr, c.get(), 0, pj::Prefill, nullptr, nullptr, nullptr};
-  pj::qkv_proj(call, nullptr);
-  pj::attn_out_scale_oproj_kquant(call, {2, {nullptr, nullptr}});
-  pj::ProjCall dec = call;
-  dec.mode = pj::Decode;
-  pj::linear_out_proj(dec, nullptr);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  for (uint8_t b : c.download<uint8_t>()) ASSERT_EQ(b, 0xFF);
-  EXPECT_EQ(pj::attn_out_scale_oproj_scratch_bytes(0), 0);
+  paths(entry(pj::linear_in_proj_z_kquant), kquant_weight(4, 4096, 2048, 7), true, rng);
+  paths(entry(pj::linear_in_proj_qkv_kquant), kquant_weight(6, 8192, 2048, 8), false, rng);
+  paths(entry(pj::qkv_proj_kquant), kquant_weight(8, 9216, 2048, 9), true, rng);
 }
 
 TEST_F(Proj, Failures) {
@@ -194,19 +182,23 @@ void check_scratch() {
                         c * 135168}));
     EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 4096 * 2, split_bytes(M, 2048, 4096)));
   }
-  QT_SELECT_GEOMETRY(1);
-  for (int64_t M : Ms) {
-    const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
-    EXPECT_EQ(pj::linear_in_scratch_bytes(M),
-              std::max({Mt * 2621440, split_bytes(M, 128, 5120), split_bytes(M, 6144, 5120), c * 200704}));
-    EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 6144 * 2, split_bytes(M, 5120, 6144)));
-  }
-  QT_SELECT_GEOMETRY(3);
-  for (int64_t M : Ms) {
-    const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
-    EXPECT_EQ(pj::linear_in_scratch_bytes(M),
-              std::max({Mt * 1310720, split_bytes(M, 128, 2560), split_bytes(M, 6144, 2560), c * 100352}));
-    EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 6144 * 2, split_bytes(M, 2560, 6144)));
+  // The linear-attention tables of geometries 1 and 3: A's panel per 256
+  // rows, in_proj's and out_proj's widths, and the conv table per row up to 32.
+  struct Geo {
+    int g;
+    int64_t panel, K, Nin, Nout, Kout, conv;
+  };
+  for (const Geo& g :
+       {Geo{1, 2621440, 5120, 6144, 5120, 6144, 200704}, Geo{3, 1310720, 2560, 6144, 2560, 6144, 100352}}) {
+    if (!quillon::geometry_built(g.g)) continue;
+    ASSERT_EQ(quillon_select_geometry(g.g), 0);
+    for (int64_t M : Ms) {
+      SCOPED_TRACE(testing::Message() << "geometry " << g.g << " M=" << M);
+      const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
+      EXPECT_EQ(pj::linear_in_scratch_bytes(M),
+                std::max({Mt * g.panel, split_bytes(M, 128, g.K), split_bytes(M, g.Nin, g.K), c * g.conv}));
+      EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * g.Kout * 2, split_bytes(M, g.Nout, g.Kout)));
+    }
   }
   EXPECT_EQ(pj::linear_in_scratch_bytes(0), 0);
 }
@@ -225,15 +217,15 @@ TEST(ProjAtCus, SplitsScratchAndKernels) {
   QT_SELECT_GEOMETRY(0);
   qt::Rng rng(5);
   const Weight b = bf16_weight(2048, 4096, rng);
-  for (int64_t M : {1, 33}) check(bf16_entry(pj::attn_out_scale_oproj), b, pj::Decode, M, true, rng);
+  for (int64_t M : {1, 33}) check(entry(pj::attn_out_scale_oproj), b, pj::Decode, M, true, rng);
   const Weight t = one_tile_bf16(2048, rng);
-  check(bf16_entry(pj::linear_in_proj_ba), t, pj::Decode, 3, true, rng);
+  check(entry(pj::linear_in_proj_ba), t, pj::Decode, 3, true, rng);
   const Weight f = fp8_weight(2048, 4096, rng);
-  check(fp8_entry(pj::attn_out_scale_oproj_fp8), f, pj::Decode, 17, true, rng);
+  check(entry(pj::attn_out_scale_oproj_fp8), f, pj::Decode, 17, true, rng);
   const Weight k = kquant_weight(23, 8192, 2048, 11);
-  for (int64_t M : {16, 32}) check(kquant_entry(pj::linear_in_proj_qkv_kquant), k, pj::Decode, M, false, rng);
+  for (int64_t M : {16, 32}) check(entry(pj::linear_in_proj_qkv_kquant), k, pj::Decode, M, false, rng);
   const Weight q = kquant_weight(5, 4096, 2048, 12);
-  check(kquant_entry(pj::linear_in_proj_z_kquant), q, pj::Decode, 5, false, rng);
+  check(entry(pj::linear_in_proj_z_kquant), q, pj::Decode, 5, false, rng);
 }
 
 }  // namespace

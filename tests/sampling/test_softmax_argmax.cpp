@@ -84,13 +84,8 @@ TEST(Softmax, PerRowTemperatureAgainstDouble) {
     const auto logits = rng.floats((size_t)(rows * V), -12.0f, 12.0f);
     expect_softmax(logits, rows, V, {1.0f, 0.7f, 1.9f});
   }
-}
-
-TEST(Softmax, LargeVocabulary) {
-  qt::Rng rng(202);
-  const int64_t V = 250000, rows = 2;
-  const auto logits = rng.floats((size_t)(rows * V), -30.0f, 30.0f);
-  expect_softmax(logits, rows, V, {1.0f, 0.25f});
+  const int64_t V = 250000;
+  expect_softmax(rng.floats((size_t)(2 * V), -30.0f, 30.0f), 2, V, {1.0f, 0.25f});
 }
 
 TEST(Softmax, MaximumIsTakenBeforeTheTemperature) {
@@ -163,24 +158,6 @@ TEST(Argmax, NaNAndInfinities) {
   row(4)[650] = row(4)[270] = kInf;
   row(5)[699] = -3e38f;
   EXPECT_EQ(run_argmax(rows, 6, V), (std::vector<int64_t>{0, 0, 0, 333, 270, 699}));
-}
-
-// Softmax has no row check: zero rows is an empty grid and the device's
-// answer to it, not success; nothing is written and the error does not stick.
-TEST(Softmax, ZeroRowsIsAnEmptyLaunch) {
-  auto dl = qt::DevBuf::from(std::vector<float>{1.0f, 2.0f}), dt = qt::DevBuf::from(std::vector<float>{1.0f});
-  qt::DevBuf dout(8);
-  EXPECT_NE(quillon_sampling_softmax(dl.as<float>(), dout.as<float>(), 0, 2, dt.as<float>(), nullptr), hipSuccess);
-  st::sync_ok();
-  EXPECT_EQ(dout.download<uint64_t>()[0], ~0ull);
-}
-
-TEST(Argmax, ZeroRowsLaunchNothing) {
-  auto dl = qt::DevBuf::from(std::vector<float>{1.0f, 2.0f});
-  qt::DevBuf dout(8);
-  ASSERT_EQ(quillon_sampling_argmax(dl.as<float>(), dout.as<int64_t>(), 0, 2, nullptr), hipSuccess);
-  st::sync_ok();
-  EXPECT_EQ(dout.download<uint64_t>()[0], ~0ull);
 }
 
 }  // namespace
