@@ -164,7 +164,7 @@ QCPU_EXPORT hipError_t hipGetDeviceProperties(hipDeviceProp_t* p, int d) {
   p->maxGridSize[0] = 0x7fffffff;
   p->maxGridSize[1] = 65535;
   p->maxGridSize[2] = 65535;
-  p->multiProcessorCount = multiprocessors();
+  p->multiProcessorCount = qcpu::multiprocessors();
   p->maxThreadsPerMultiProcessor = 2048;
   p->major = 11;
   p->minor = 5;
