@@ -249,13 +249,23 @@ TEST(GemmInternal, SegmentedPairEveryOrderedFormatPair) {
     }
 }
 
-TEST(GemmInternal, SegmentedPairWithAnEmptyArm) {
-  const int64_t M = 20, K = 256, N = 128;
-  const auto A = gt::one_hot(M, K, [&](int64_t m) { return m * 11; });
+TEST(GemmInternal, SegmentedPairTwoRowTilesAndAnEmptyArm) {
+  // Two row tiles: the seam counts arm 0's tiles over both.
+  const int64_t M = 300, K = 256, N = 128;
+  const auto A = gt::one_hot(M, K, [&](int64_t m) { return (m * 11) % K; });
   qt::DevBuf a = shuffled_a(A, M, K);
   const gt::KWeight w = gt::kquant_weight(5, N, K, 71);
   const auto want = ref::gemm(gt::floats_of(A), w.W, M, N, K);
   const gt::Planes& pl = w.pl;
+  {
+    qt::DevBuf c0(M * N * 4), c1(M * N * 2);
+    quillon::GemmSeg2Arms arms{{{5, pl.quant.get(), pl.meta.get(), c0.get(), N},
+                                {5, pl.quant.get(), pl.meta.get(), c1.get(), N}}};
+    quillon::gemm_seg2(a.get(), arms, M, K, nullptr);
+    QT_HIP(hipStreamSynchronize(nullptr));
+    EXPECT_BITS_EQ(c0.download<float>(), gt::expect_f32(want));
+    EXPECT_BITS_EQ(c1.download<uint16_t>(), gt::expect_bf16(want));
+  }
   {
     // No bf16 arm: N1 = 0 with a null C passes.
     qt::DevBuf c0(M * N * 4);
