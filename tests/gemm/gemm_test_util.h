@@ -44,6 +44,14 @@ inline std::vector<uint16_t> expect_bf16(const std::vector<double>& C) {
   for (size_t i = 0; i < C.size(); ++i) v[i] = ref::bf16_out((float)C[i]);
   return v;
 }
+inline std::vector<float> widen(const std::vector<uint16_t>& v) { return floats_of(v); }
+// Either output type as floats (bf16 widened, which keeps every bit).
+inline std::vector<float> expect(const std::vector<double>& C, bool bf16) {
+  return bf16 ? widen(expect_bf16(C)) : expect_f32(C);
+}
+inline std::vector<float> result(const qt::DevBuf& c, bool bf16) {
+  return bf16 ? widen(c.download<uint16_t>()) : c.download<float>();
+}
 
 // |got - want| within a summation bound: 8 * sqrt(K) fp32 roundings of the
 // magnitude sum, plus the output's own rounding for bf16.
@@ -57,7 +65,6 @@ inline int64_t count_outside(const std::vector<float>& got, const std::vector<do
   }
   return bad;
 }
-inline std::vector<float> widen(const std::vector<uint16_t>& v) { return floats_of(v); }
 
 // A GGUF tensor of N rows and K columns of format `id`, random valid blocks.
 inline std::vector<uint8_t> gguf_tensor(int id, int64_t N, int64_t K, uint64_t seed) {
@@ -77,6 +84,16 @@ inline Planes shuffle_kquant(int id, const std::vector<uint8_t>& src, int64_t N,
   EXPECT_EQ(quillon_gemm_kquant_shuffle_b(id, s.get(), p.quant.get(), p.meta.get(), N, K, nullptr), hipSuccess);
   EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
   return p;
+}
+
+// A k-quant weight: dequantised values and the shuffled planes.
+struct KWeight {
+  std::vector<float> W;
+  Planes pl;
+};
+inline KWeight kquant_weight(int id, int64_t N, int64_t K, uint64_t seed) {
+  const auto src = gguf_tensor(id, N, K, seed);
+  return {floats_of(ref::kquant_dequant(id, src, N, K)), shuffle_kquant(id, src, N, K)};
 }
 
 // bf16 [N, K] shuffled to blk32 by the exported entry.

@@ -61,42 +61,39 @@ qt::DevBuf a_for(const std::vector<uint16_t>& A, int64_t M, int64_t K) {
 
 const int64_t kRows[] = {1, 16, 17, 32, 33};
 
+// One product of Cfg against the reference with weight values W: bit for bit
+// where the sums are exact, else within the summation bound.
 template <class Cfg>
-void bf16_exact(uint64_t seed) {
+void check_proj(const std::vector<uint16_t>& A, typename Cfg::Params::Operand op, const std::vector<float>& W,
+                int64_t M, int64_t N, bool exact) {
+  constexpr int64_t K = Cfg::kK;
+  qt::DevBuf a = a_for<Cfg>(A, M, K);
+  const auto got = run_proj<Cfg>(a.get(), op, M, N);
+  const auto fa = gt::floats_of(A);
+  const auto want = ref::gemm(fa, W, M, N, K);
+  if (exact) EXPECT_BITS_EQ(got, gt::expect_bf16(want));
+  else EXPECT_EQ(gt::count_outside(gt::widen(got), want, ref::gemm_abs(fa, W, M, N, K), K, true), 0);
+}
+
+template <class Cfg>
+void bf16_exact(const char* what, uint64_t seed) {
+  SCOPED_TRACE(what);
   constexpr int64_t K = Cfg::kK, N = 256;
   qt::Rng rng(seed);
   const auto B = gt::int_bf16(rng, N * K, -3, 3);
   qt::DevBuf b = gt::shuffle_bf16(B, N, K);
   for (int64_t M : kRows) {
     SCOPED_TRACE(testing::Message() << "M=" << M);
-    const auto A = gt::int_bf16(rng, M * K, -3, 3);
-    qt::DevBuf a = a_for<Cfg>(A, M, K);
-    EXPECT_BITS_EQ(run_proj<Cfg>(a.get(), b.as<uint16_t>(), M, N),
-                   gt::expect_bf16(ref::gemm(gt::floats_of(A), gt::floats_of(B), M, N, K)));
+    check_proj<Cfg>(gt::int_bf16(rng, M * K, -3, 3), b.as<uint16_t>(), gt::floats_of(B), M, N, true);
   }
 }
 
 TEST(GemmDecode, Bf16DeepAndPlainLoops) {
-  {
-    SCOPED_TRACE("deep 16");
-    bf16_exact<ProjConfigFor<WDenseBf16, 0, 384, ProjDecodeStream<16>, true>>(1);
-  }
-  {
-    SCOPED_TRACE("deep 32");
-    bf16_exact<ProjConfigFor<WDenseBf16, 0, 384, ProjDecodeStream<32>, true>>(2);
-  }
-  {
-    SCOPED_TRACE("plain 16");
-    bf16_exact<ProjConfigFor<WDenseBf16, 0, 192, ProjDecodeStream<16>, false>>(3);
-  }
-  {
-    SCOPED_TRACE("plain 32");
-    bf16_exact<ProjConfigFor<WDenseBf16, 0, 192, ProjDecodeStream<32>, false>>(4);
-  }
-  {
-    SCOPED_TRACE("prefill at compile-time K");
-    bf16_exact<ProjConfigFor<WDenseBf16, 0, 256, ProjPrefillLds, false>>(5);
-  }
+  bf16_exact<ProjConfigFor<WDenseBf16, 0, 384, ProjDecodeStream<16>, true>>("deep 16", 1);
+  bf16_exact<ProjConfigFor<WDenseBf16, 0, 384, ProjDecodeStream<32>, true>>("deep 32", 2);
+  bf16_exact<ProjConfigFor<WDenseBf16, 0, 192, ProjDecodeStream<16>, false>>("plain 16", 3);
+  bf16_exact<ProjConfigFor<WDenseBf16, 0, 192, ProjDecodeStream<32>, false>>("plain 32", 4);
+  bf16_exact<ProjConfigFor<WDenseBf16, 0, 256, ProjPrefillLds, false>>("prefill at compile-time K", 5);
 }
 
 // ---- fp8 ---------------------------------------------------------------------------
@@ -104,8 +101,7 @@ struct Fp8Weight {
   std::vector<uint8_t> bytes;     // [N, K]
   std::vector<uint16_t> scales;   // [K / 128][N / 128], the shuffled table
   qt::DevBuf dbytes, dscales;
-  float value(int64_t N, int64_t n, int64_t k, int64_t K) const { return ref::fp8_weight(bytes[(size_t)(n * K + k)]); }
-  float scale(int64_t N, int64_t n, int64_t k) const { return ref::bf16_value(scales[(size_t)((k / 128) * (N / 128) + n / 128)]); }
+  gc::Fp8Operand op() const { return {dbytes.as<uint8_t>(), dscales.as<uint16_t>()}; }
 };
 // exact: exponents 6..10 and power-of-two scales keep every sum exact.
 Fp8Weight make_fp8(int64_t N, int64_t K, bool exact, uint64_t seed) {
@@ -130,7 +126,8 @@ std::vector<float> fp8_effective(const Fp8Weight& w, int64_t N, int64_t K, bool 
   std::vector<float> v((size_t)(N * K));
   for (int64_t n = 0; n < N; ++n)
     for (int64_t k = 0; k < K; ++k) {
-      const float x = w.value(N, n, k, K) * w.scale(N, n, k);
+      const float x = ref::fp8_weight(w.bytes[(size_t)(n * K + k)]) *
+                      ref::bf16_value(w.scales[(size_t)((k / 128) * (N / 128) + n / 128)]);
       v[(size_t)(n * K + k)] = prefill ? ref::bf16_value(ref::bf16_rne_plain(x)) : x;
     }
   return v;
@@ -141,16 +138,11 @@ void fp8_case(bool exact, uint64_t seed) {
   constexpr int64_t K = Cfg::kK, N = Cfg::kNFixed;
   const Fp8Weight w = make_fp8(N, K, exact, seed);
   const auto Wf = fp8_effective(w, N, K, Cfg::kPrefill);
-  const gc::Fp8Operand op{w.dbytes.as<uint8_t>(), w.dscales.as<uint16_t>()};
   qt::Rng rng(seed + 1);
   for (int64_t M : kRows) {
     SCOPED_TRACE(testing::Message() << "M=" << M << (exact ? " exact" : " random"));
     const auto A = exact ? gt::int_bf16(rng, M * K, -3, 3) : rng.bf16s((size_t)(M * K));
-    qt::DevBuf a = a_for<Cfg>(A, M, K);
-    const auto got = run_proj<Cfg>(a.get(), op, M, N);
-    const auto want = ref::gemm(gt::floats_of(A), Wf, M, N, K);
-    if (exact) EXPECT_BITS_EQ(got, gt::expect_bf16(want));
-    else EXPECT_EQ(gt::count_outside(gt::widen(got), want, ref::gemm_abs(gt::floats_of(A), Wf, M, N, K), K, true), 0);
+    check_proj<Cfg>(A, w.op(), Wf, M, N, exact);
   }
 }
 
@@ -171,10 +163,7 @@ TEST(GemmDecode, Fp8PrefillFoldsTheScaleWithItsRounding) {
   using P = ProjConfigFor<WDenseFp8, 256, 256, ProjPrefillLds, false>;
   const int64_t N = 256, K = 256, M = 256;
   Fp8Weight w = make_fp8(N, K, false, 21);
-  const auto A = gt::one_hot(M, K, [](int64_t m) { return m; });
-  const auto want = gt::expect_bf16(ref::gemm(gt::floats_of(A), fp8_effective(w, N, K, true), M, N, K));
-  qt::DevBuf a = a_for<P>(A, M, K);
-  EXPECT_BITS_EQ(run_proj<P>(a.get(), gc::Fp8Operand{w.dbytes.as<uint8_t>(), w.dscales.as<uint16_t>()}, M, N), want);
+  check_proj<P>(gt::one_hot(M, K, [](int64_t m) { return m; }), w.op(), fp8_effective(w, N, K, true), M, N, true);
 }
 
 // ---- k-quant -----------------------------------------------------------------------
@@ -183,24 +172,15 @@ void kquant_case(uint64_t seed) {
   using Cfg = ProjConfigFor<WK<F>, 0, K, Shape, !std::is_same_v<Shape, ProjPrefillLds>>;
   constexpr int64_t N = 256;
   SCOPED_TRACE(testing::Message() << "format " << F << " K=" << K << " row tile " << (Cfg::kPrefill ? 256 : gc::row_tile_of<Shape>()));
-  const auto src = gt::gguf_tensor(F, N, K, seed);
-  const auto W = gt::floats_of(ref::kquant_dequant(F, src, N, K));
-  gt::Planes pl = gt::shuffle_kquant(F, src, N, K);
-  const gc::KQuantPlanes op{pl.quant.as<uint32_t>(), pl.meta.as<uint8_t>()};
+  const gt::KWeight w = gt::kquant_weight(F, N, K, seed);
+  const gc::KQuantPlanes op{w.pl.quant.as<uint32_t>(), w.pl.meta.as<uint8_t>()};
   qt::Rng rng(seed);
   for (int64_t M : kRows) {
     SCOPED_TRACE(testing::Message() << "M=" << M);
     // One-hot rows sweep all 32 positions of a group across groups and
     // super-blocks, so each output is one dequantised weight, bit for bit.
-    const auto A1 = gt::one_hot(M, K, [](int64_t m) { return (m * 33) % K; });
-    qt::DevBuf a1 = a_for<Cfg>(A1, M, K);
-    EXPECT_BITS_EQ(run_proj<Cfg>(a1.get(), op, M, N), gt::expect_bf16(ref::gemm(gt::floats_of(A1), W, M, N, K)));
-    const auto A2 = rng.bf16s((size_t)(M * K));
-    const auto fa = gt::floats_of(A2);
-    qt::DevBuf a2 = a_for<Cfg>(A2, M, K);
-    EXPECT_EQ(gt::count_outside(gt::widen(run_proj<Cfg>(a2.get(), op, M, N)), ref::gemm(fa, W, M, N, K),
-                                ref::gemm_abs(fa, W, M, N, K), K, true),
-              0);
+    check_proj<Cfg>(gt::one_hot(M, K, [](int64_t m) { return (m * 33) % K; }), op, w.W, M, N, true);
+    check_proj<Cfg>(rng.bf16s((size_t)(M * K)), op, w.W, M, N, false);
   }
 }
 
@@ -226,16 +206,18 @@ TEST(GemmDecode, KQuantEveryDenseProjectionFormat) {
 }
 
 // ---- decode split ------------------------------------------------------------------
+// Partials of a decode split, then the reduction, against an exact product.
 template <class Cfg>
-std::vector<uint16_t> run_split(const void* A, typename Cfg::Params::Operand B, int64_t M, int64_t N) {
-  qt::DevBuf ws((size_t)(Cfg::kSplits * M * N * 4)), c((size_t)(M * N * 2));
-  const typename Cfg::Params p{static_cast<const uint16_t*>(A), B, ws.as<float>(), c.get(), M, N, Cfg::kK, 0};
+void check_split(const std::vector<uint16_t>& A, typename Cfg::Params::Operand B, const std::vector<float>& W,
+                 int64_t M, int64_t N) {
+  qt::DevBuf a = qt::DevBuf::from(A), ws((size_t)(Cfg::kSplits * M * N * 4)), c((size_t)(M * N * 2));
+  const typename Cfg::Params p{a.as<uint16_t>(), B, ws.as<float>(), c.get(), M, N, Cfg::kK, 0};
   quillon::launch_proj_decode_splitk<Cfg>(p, nullptr);
   quillon::splitk_reduce(ws.as<float>(), c.as<gc::bf16>(), M * N, Cfg::kSplits, nullptr);
   EXPECT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
   EXPECT_EQ(hipGetLastError(), hipSuccess);
   EXPECT_TRUE(ws.guards_intact() && c.guards_intact());
-  return c.download<uint16_t>();
+  EXPECT_BITS_EQ(c.download<uint16_t>(), gt::expect_bf16(ref::gemm(gt::floats_of(A), W, M, N, Cfg::kK)));
 }
 
 TEST(GemmDecode, SplitKPartialsAndReduction) {
@@ -247,33 +229,23 @@ TEST(GemmDecode, SplitKPartialsAndReduction) {
     qt::DevBuf b = gt::shuffle_bf16(B, N, 512);
     for (int64_t M : {1, 16, 17}) {
       SCOPED_TRACE(testing::Message() << "bf16 S=4 M=" << M);
-      const auto A = gt::int_bf16(rng, M * 512, -3, 3);
-      qt::DevBuf a = qt::DevBuf::from(A);
-      EXPECT_BITS_EQ(run_split<Cfg>(a.get(), b.as<uint16_t>(), M, N),
-                     gt::expect_bf16(ref::gemm(gt::floats_of(A), gt::floats_of(B), M, N, 512)));
+      check_split<Cfg>(gt::int_bf16(rng, M * 512, -3, 3), b.as<uint16_t>(), gt::floats_of(B), M, N);
     }
   }
   {
     using Cfg = ProjSplitKConfigFor<WK<4>, 0, 1024, 2, 32>;
-    const auto src = gt::gguf_tensor(4, N, 1024, 32);
-    const auto W = gt::floats_of(ref::kquant_dequant(4, src, N, 1024));
-    gt::Planes pl = gt::shuffle_kquant(4, src, N, 1024);
+    const gt::KWeight w = gt::kquant_weight(4, N, 1024, 32);
     for (int64_t M : {17, 33}) {
       SCOPED_TRACE(testing::Message() << "Q4_K S=2 M=" << M);
-      const auto A = gt::one_hot(M, 1024, [](int64_t m) { return (m * 61) % 1024; });
-      qt::DevBuf a = qt::DevBuf::from(A);
-      EXPECT_BITS_EQ(run_split<Cfg>(a.get(), gc::KQuantPlanes{pl.quant.as<uint32_t>(), pl.meta.as<uint8_t>()}, M, N),
-                     gt::expect_bf16(ref::gemm(gt::floats_of(A), W, M, N, 1024)));
+      check_split<Cfg>(gt::one_hot(M, 1024, [](int64_t m) { return (m * 61) % 1024; }),
+                       gc::KQuantPlanes{w.pl.quant.as<uint32_t>(), w.pl.meta.as<uint8_t>()}, w.W, M, N);
     }
   }
   {
     using Cfg = ProjSplitKConfigFor<WDenseFp8, 256, 512, 2, 16>;
     const Fp8Weight w = make_fp8(N, 512, true, 33);
-    const auto A = gt::int_bf16(rng, 5 * 512, -3, 3);
-    qt::DevBuf a = qt::DevBuf::from(A);
     SCOPED_TRACE("fp8 S=2");
-    EXPECT_BITS_EQ(run_split<Cfg>(a.get(), gc::Fp8Operand{w.dbytes.as<uint8_t>(), w.dscales.as<uint16_t>()}, 5, N),
-                   gt::expect_bf16(ref::gemm(gt::floats_of(A), fp8_effective(w, N, 512, false), 5, N, 512)));
+    check_split<Cfg>(gt::int_bf16(rng, 5 * 512, -3, 3), w.op(), fp8_effective(w, N, 512, false), 5, N);
   }
 }
 

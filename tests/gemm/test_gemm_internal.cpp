@@ -84,56 +84,31 @@ TEST(GemmInternal, WorkgroupOrderCoversEveryTileOnce) {
         bad += in ? got[i] != want[i] : got[i] != 0xFFFF;
       }
     EXPECT_EQ(bad, 0);
-    // The full walk is a bijection onto the (m, n) grid.
-    std::set<std::pair<int64_t, int64_t>> all;
+    // Every workgroup of the walk, not only the sampled ones.
     for (int64_t blk = 0; blk < Nt * Mt; ++blk) {
       const gc::TileCoord tc = gc::prefill_tile_of((uint32_t)blk, (uint32_t)Nt, (uint32_t)Mt);
       int64_t m, n;
       ref::prefill_tile(blk, Nt, Mt, m, n);
-      EXPECT_EQ(tc.m, m);
-      EXPECT_EQ(tc.n, n);
-      all.insert({m, n});
+      EXPECT_TRUE(tc.m == m && tc.n == n) << blk;
     }
-    EXPECT_EQ((int64_t)all.size(), Nt * Mt);
-  }
-}
-
-TEST(GemmInternal, SplitKQuantProductsAreExact) {
-  // Through the internal entry with partials the k-quant product splits too
-  // (S 16 here); one-hot rows keep every split sum exact.
-  struct C {
-    int id;
-    int64_t M, K;
-  };
-  for (C k : {C{6, 1, 1024}, C{3, 257, 512}, C{20, 40, 96}}) {
-    const int64_t N = 128;
-    const int S = quillon::gemm_split_count(k.M, N, k.K, true);
-    SCOPED_TRACE(testing::Message() << "format " << k.id << " M=" << k.M << " K=" << k.K << " S=" << S);
-    const auto src = gt::gguf_tensor(k.id, N, k.K, 40 + k.id);
-    const auto W = ref::kquant_dequant(k.id, src, N, k.K);
-    gt::Planes pl = gt::shuffle_kquant(k.id, src, N, k.K);
-    const auto A = gt::one_hot(k.M, k.K, [&](int64_t m) { return (m * 37 + 5) % k.K; });
-    const auto want = ref::gemm(gt::floats_of(A), gt::floats_of(W), k.M, N, k.K);
-    qt::DevBuf a = shuffled_a(A, k.M, k.K), part((size_t)std::max<int64_t>(quillon::gemm_splitk_bytes(k.M, N, k.K), 4));
-    qt::DevBuf c32((size_t)(k.M * N * 4)), c16((size_t)(k.M * N * 2));
-    quillon::gemm_kquant_shuffled(k.id, a.get(), pl.quant.get(), pl.meta.get(), c32.as<float>(), k.M, N, k.K, nullptr,
-                                  part.get());
-    quillon::gemm_kquant_shuffled(k.id, a.get(), pl.quant.get(), pl.meta.get(), c16.as<bf16>(), k.M, N, k.K, nullptr,
-                                  part.get());
-    QT_HIP(hipStreamSynchronize(nullptr));
-    EXPECT_BITS_EQ(c32.download<float>(), gt::expect_f32(want));
-    EXPECT_BITS_EQ(c16.download<uint16_t>(), gt::expect_bf16(want));
-    EXPECT_TRUE(part.guards_intact() && c32.guards_intact() && c16.guards_intact());
   }
 }
 
 TEST(GemmInternal, ReductionsSumInSplitOrder) {
+  // S = 1 is a plain conversion, given special values too: NaNs stay NaN
+  // (quieted), 0x7f7fffff rounds to infinity, ties go to even.
+  const uint32_t special[] = {0x7f800001u, 0xff812345u, 0x7fc00000u, 0x7f7fffffu, 0xff7fffffu, 0x7f7f7fffu,
+                              0x3f808000u, 0x3f818000u, 0x3f80ffffu, 0x80000000u, 0x00000001u, 0x7f800000u};
+  EXPECT_EQ(ref::bf16_out(ref::from_bits(special[0])), 0x7fc0);
+  EXPECT_EQ(ref::bf16_out(ref::from_bits(special[3])), 0x7f80);
   qt::Rng rng(9);
   const int64_t count = 1000;
   for (int S : {1, 3, 16}) {
     SCOPED_TRACE(testing::Message() << "S=" << S);
     std::vector<float> part(S * count);
     for (auto& x : part) x = rng.uniform(-1e3f, 1e3f) * (rng.integer(0, 1) ? 1e-6f : 1.0f);
+    if (S == 1)
+      for (size_t i = 0; i < std::size(special); ++i) part[i] = ref::from_bits(special[i]);
     std::vector<float> want32(count);
     std::vector<uint16_t> want16(count);
     for (int64_t i = 0; i < count; ++i) {
@@ -163,27 +138,6 @@ TEST(GemmInternal, ReductionsSumInSplitOrder) {
   QT_HIP(hipStreamSynchronize(nullptr));
   EXPECT_BITS_EQ(out.download<uint16_t>(), want);
   EXPECT_TRUE(out.guards_intact());
-}
-
-TEST(GemmInternal, Bf16RoundingOfSpecialValues) {
-  // S = 1 is a plain conversion: NaNs stay NaN (quieted), 0x7f7fffff rounds
-  // to infinity, ties go to even, and fp32 output is the value unchanged.
-  const std::vector<uint32_t> bits = {0x7f800001u, 0xff812345u, 0x7fc00000u, 0x7f7fffffu, 0xff7fffffu, 0x7f7f7fffu,
-                                      0x3f808000u, 0x3f818000u, 0x3f80ffffu, 0x80000000u, 0x00000001u, 0x7f800000u};
-  std::vector<float> v(bits.size());
-  std::vector<uint16_t> want(bits.size());
-  for (size_t i = 0; i < bits.size(); ++i) {
-    v[i] = ref::from_bits(bits[i]);
-    want[i] = ref::bf16_out(v[i]);
-  }
-  EXPECT_EQ(want[0], 0x7fc0);
-  EXPECT_EQ(want[3], 0x7f80);
-  qt::DevBuf p = qt::DevBuf::from(v), o16(v.size() * 2), o32(v.size() * 4);
-  quillon::splitk_reduce(p.as<float>(), o16.as<bf16>(), (int64_t)v.size(), 1, nullptr);
-  quillon::splitk_reduce(p.as<float>(), o32.as<float>(), (int64_t)v.size(), 1, nullptr);
-  QT_HIP(hipStreamSynchronize(nullptr));
-  EXPECT_BITS_EQ(o16.download<uint16_t>(), want);
-  EXPECT_BITS_EQ(o32.download<float>(), v);
 }
 
 TEST(GemmInternal, EpilogueRoundsNaNAndOverflow) {
@@ -223,28 +177,49 @@ TEST(GemmInternal, EpilogueRoundsNaNAndOverflow) {
   }
 }
 
-TEST(GemmInternal, KQuantIntoBlk32WritesPadRows) {
-  // A column slice of a blk32 activation buffer: all 256 rows of the tile are
-  // written (pad rows of A copy row 0, so they hold row 0's result), columns
-  // outside the slice keep their poison.
-  const int64_t M = 33, N = 256, K = 256, W = 512, R = 256;
-  for (int id : {4, 8, 2})
-    for (int64_t col : {128, 256}) {
-      SCOPED_TRACE(testing::Message() << "format " << id << " col=" << col);
-      const auto src = gt::gguf_tensor(id, N, K, 50 + id);
-      const auto Wt = ref::kquant_dequant(id, src, N, K);
-      gt::Planes pl = gt::shuffle_kquant(id, src, N, K);
-      const auto A = gt::one_hot(M, K, [&](int64_t m) { return (m * 5) % K; });
-      const auto C = gt::expect_bf16(ref::gemm(gt::floats_of(A), gt::floats_of(Wt), M, N, K));
-      std::vector<uint16_t> full((size_t)(R * W), 0xFFFF);
-      for (int64_t r = 0; r < R; ++r)
-        for (int64_t n = 0; n < N; ++n) full[(size_t)(r * W + col + n)] = C[(size_t)((r < M ? r : 0) * N + n)];
-      qt::DevBuf a = shuffled_a(A, M, K), dst((size_t)(R * W * 2));
-      quillon::gemm_kquant_to_blk32(id, a.get(), pl.quant.get(), pl.meta.get(), dst.get(), M, N, K, W, col, nullptr);
+// The k-quant product through the internal entries; one-hot rows keep every
+// sum exact. With partials it splits too (S 16 at K 1024), into fp32 and bf16.
+// Into blk32 it writes a column slice of a blk32 activation buffer: all 256
+// rows of the tile (pad rows of A copy row 0, so they hold row 0's result),
+// and columns outside the slice keep their poison.
+TEST(GemmInternal, KQuantSplitAndIntoBlk32) {
+  struct Case {
+    int id;
+    int64_t M, N, K, col;  // col < 0: the split product
+  };
+  const Case cases[] = {{6, 1, 128, 1024, -1}, {3, 257, 128, 512, -1}, {20, 40, 128, 96, -1},
+                        {4, 33, 256, 256, 128}, {4, 33, 256, 256, 256}, {8, 33, 256, 256, 128},
+                        {8, 33, 256, 256, 256}, {2, 33, 256, 256, 128}, {2, 33, 256, 256, 256}};
+  for (const auto& [id, M, N, K, col] : cases) {
+    SCOPED_TRACE(testing::Message() << "format " << id << " M=" << M << " K=" << K << " col=" << col
+                                    << " S=" << quillon::gemm_split_count(M, N, K, true));
+    const gt::KWeight w = gt::kquant_weight(id, N, K, 40 + id + col);
+    const auto A = gt::one_hot(M, K, [&](int64_t m) { return (m * 37 + 5) % K; });
+    const auto want = ref::gemm(gt::floats_of(A), w.W, M, N, K);
+    const void *q = w.pl.quant.get(), *mt = w.pl.meta.get();
+    qt::DevBuf a = shuffled_a(A, M, K);
+    if (col < 0) {
+      qt::DevBuf part((size_t)std::max<int64_t>(quillon::gemm_splitk_bytes(M, N, K), 4));
+      qt::DevBuf c32((size_t)(M * N * 4)), c16((size_t)(M * N * 2));
+      quillon::gemm_kquant_shuffled(id, a.get(), q, mt, c32.as<float>(), M, N, K, nullptr, part.get());
+      quillon::gemm_kquant_shuffled(id, a.get(), q, mt, c16.as<bf16>(), M, N, K, nullptr, part.get());
       QT_HIP(hipStreamSynchronize(nullptr));
-      EXPECT_BITS_EQ(dst.download<uint16_t>(), ref::blk32(full, W, R, W, R, false));
-      EXPECT_TRUE(dst.guards_intact());
+      EXPECT_BITS_EQ(c32.download<float>(), gt::expect_f32(want));
+      EXPECT_BITS_EQ(c16.download<uint16_t>(), gt::expect_bf16(want));
+      EXPECT_TRUE(part.guards_intact() && c32.guards_intact() && c16.guards_intact());
+      continue;
     }
+    const int64_t W = 512, R = 256;
+    const auto C = gt::expect_bf16(want);
+    std::vector<uint16_t> full((size_t)(R * W), 0xFFFF);
+    for (int64_t r = 0; r < R; ++r)
+      for (int64_t n = 0; n < N; ++n) full[(size_t)(r * W + col + n)] = C[(size_t)((r < M ? r : 0) * N + n)];
+    qt::DevBuf dst((size_t)(R * W * 2));
+    quillon::gemm_kquant_to_blk32(id, a.get(), q, mt, dst.get(), M, N, K, W, col, nullptr);
+    QT_HIP(hipStreamSynchronize(nullptr));
+    EXPECT_BITS_EQ(dst.download<uint16_t>(), ref::blk32(full, W, R, W, R, false));
+    EXPECT_TRUE(dst.guards_intact());
+  }
 }
 
 TEST(GemmInternal, SegmentedPairEveryOrderedFormatPair) {
@@ -253,18 +228,10 @@ TEST(GemmInternal, SegmentedPairEveryOrderedFormatPair) {
   const int64_t M = 33, K = 256, N0 = 128, N1 = 256;
   const auto A = gt::one_hot(M, K, [&](int64_t m) { return (m * 7 + 3) % K; });
   qt::DevBuf a = shuffled_a(A, M, K);
-  struct Arm {
-    gt::Planes pl;
-    std::vector<double> want;
-  };
-  std::vector<Arm> arm0, arm1;
+  std::vector<gt::KWeight> arm0, arm1;
   for (int id : ref::kKquantIds) {
-    for (int which = 0; which < 2; ++which) {
-      const int64_t N = which ? N1 : N0;
-      const auto src = gt::gguf_tensor(id, N, K, 60 + id + 100 * which);
-      auto want = ref::gemm(gt::floats_of(A), gt::floats_of(ref::kquant_dequant(id, src, N, K)), M, N, K);
-      (which ? arm1 : arm0).push_back(Arm{gt::shuffle_kquant(id, src, N, K), std::move(want)});
-    }
+    arm0.push_back(gt::kquant_weight(id, N0, K, 60 + id));
+    arm1.push_back(gt::kquant_weight(id, N1, K, 160 + id));
   }
   for (size_t i = 0; i < ref::kKquantIds.size(); ++i)
     for (size_t j = 0; j < ref::kKquantIds.size(); ++j) {
@@ -276,19 +243,29 @@ TEST(GemmInternal, SegmentedPairEveryOrderedFormatPair) {
       quillon::gemm_seg2(a.get(), arms, M, K, nullptr);
       QT_HIP(hipStreamSynchronize(nullptr));
       QT_HIP(hipGetLastError());
-      EXPECT_BITS_EQ(c0.download<float>(), gt::expect_f32(arm0[i].want));
-      EXPECT_BITS_EQ(c1.download<uint16_t>(), gt::expect_bf16(arm1[j].want));
+      EXPECT_BITS_EQ(c0.download<float>(), gt::expect_f32(ref::gemm(gt::floats_of(A), arm0[i].W, M, N0, K)));
+      EXPECT_BITS_EQ(c1.download<uint16_t>(), gt::expect_bf16(ref::gemm(gt::floats_of(A), arm1[j].W, M, N1, K)));
       EXPECT_TRUE(c0.guards_intact() && c1.guards_intact());
     }
 }
 
-TEST(GemmInternal, SegmentedPairWithAnEmptyArm) {
-  const int64_t M = 20, K = 256, N = 128;
-  const auto A = gt::one_hot(M, K, [&](int64_t m) { return m * 11; });
+TEST(GemmInternal, SegmentedPairTwoRowTilesAndAnEmptyArm) {
+  // Two row tiles: the seam counts arm 0's tiles over both.
+  const int64_t M = 300, K = 256, N = 128;
+  const auto A = gt::one_hot(M, K, [&](int64_t m) { return (m * 11) % K; });
   qt::DevBuf a = shuffled_a(A, M, K);
-  const auto src = gt::gguf_tensor(5, N, K, 71);
-  const auto want = ref::gemm(gt::floats_of(A), gt::floats_of(ref::kquant_dequant(5, src, N, K)), M, N, K);
-  gt::Planes pl = gt::shuffle_kquant(5, src, N, K);
+  const gt::KWeight w = gt::kquant_weight(5, N, K, 71);
+  const auto want = ref::gemm(gt::floats_of(A), w.W, M, N, K);
+  const gt::Planes& pl = w.pl;
+  {
+    qt::DevBuf c0(M * N * 4), c1(M * N * 2);
+    quillon::GemmSeg2Arms arms{{{5, pl.quant.get(), pl.meta.get(), c0.get(), N},
+                                {5, pl.quant.get(), pl.meta.get(), c1.get(), N}}};
+    quillon::gemm_seg2(a.get(), arms, M, K, nullptr);
+    QT_HIP(hipStreamSynchronize(nullptr));
+    EXPECT_BITS_EQ(c0.download<float>(), gt::expect_f32(want));
+    EXPECT_BITS_EQ(c1.download<uint16_t>(), gt::expect_bf16(want));
+  }
   {
     // No bf16 arm: N1 = 0 with a null C passes.
     qt::DevBuf c0(M * N * 4);

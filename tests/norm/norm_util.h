@@ -29,11 +29,6 @@ std::vector<T> dense_rows(const std::vector<T>& m, int64_t rows, int64_t H, int6
 inline float spread(qt::Rng& rng) {
   return (rng.bits() & 1 ? -1.f : 1.f) * rng.uniform(1.f, 2.f) * std::ldexp(1.f, (int)rng.integer(-8, 2));
 }
-inline std::vector<float> spread_floats(qt::Rng& rng, size_t n) {
-  std::vector<float> v(n);
-  for (auto& f : v) f = spread(rng);
-  return v;
-}
 inline std::vector<uint16_t> spread_bf16s(qt::Rng& rng, size_t n) {
   std::vector<uint16_t> v(n);
   for (auto& h : v) h = ref::round_bf16(spread(rng));
@@ -63,44 +58,47 @@ inline std::vector<float> mixed_rows(qt::Rng& rng, int64_t rows, int64_t H, int6
   }
   return v;
 }
-inline std::vector<uint16_t> mixed_bf16_rows(qt::Rng& rng, int64_t rows, int64_t H, int64_t stride) {
-  const auto f = mixed_rows(rng, rows, H, stride);
+inline std::vector<uint16_t> round_all(const std::vector<float>& f) {
   std::vector<uint16_t> v(f.size());
   for (size_t i = 0; i < f.size(); ++i) v[i] = ref::round_bf16(f[i]);
   return v;
 }
-
-// How far a float lies from a bf16 rounding tie, in float ulps.
-inline uint32_t tie_distance(float y) {
-  const uint32_t lo = ref::to_bits(y) & 0xffffu;
-  return lo > 0x8000u ? lo - 0x8000u : 0x8000u - lo;
+inline std::vector<uint16_t> mixed_bf16_rows(qt::Rng& rng, int64_t rows, int64_t H, int64_t stride) {
+  return round_all(mixed_rows(rng, rows, H, stride));
 }
 
 // Outputs round to bf16 and hide the low bits of r, so random data rarely shows
-// a reduction done in another order. These pick the operand that does not feed
-// r so that many outputs land within a few ulps of a rounding tie: then an r
-// off by one ulp changes them. Column i is tuned for row i % rows.
+// a reduction done in another order. The tests pick an operand that does not
+// feed r (the weight, or the gate) so that many outputs land within a few ulps
+// of a rounding tie: then an r off by one ulp changes them. This is the bf16
+// of the given sign and exponent whose output y(operand) lies nearest a tie.
+template <class Y>
+uint16_t nearest_tie(uint16_t sign_exp, Y&& y) {
+  uint16_t best = sign_exp;
+  uint32_t best_d = ~0u;
+  for (uint16_t m = 0; m < 128; ++m) {
+    const uint32_t lo = ref::to_bits(y(ref::widen((uint16_t)(sign_exp | m)))) & 0xffffu;
+    const uint32_t d = lo > 0x8000u ? lo - 0x8000u : 0x8000u - lo;
+    if (d < best_d) best_d = d, best = (uint16_t)(sign_exp | m);
+  }
+  return best;
+}
+
+// A weight tuned so: column i for row i % rows.
 inline std::vector<uint16_t> sensitive_weight(const std::vector<float>& x, int H, int64_t rows, float eps,
                                               const ref::Mapping& mp, qt::Rng& rng) {
   std::vector<float> r(rows);
   for (int64_t k = 0; k < rows; ++k) r[k] = ref::rinv_of(x.data() + k * H, H, mp, (int)(k % mp.rows_per_block), eps);
   std::vector<uint16_t> w(H);
   for (int i = 0; i < H; ++i) {
-    const int64_t k = i % rows;
-    const float xr = x[(size_t)(k * H + i)] * r[k];
+    const float xr = x[(size_t)((i % rows) * H + i)] * r[i % rows];
     const uint16_t sign_exp = (uint16_t)((rng.bits() & 1 ? 0x8000u : 0u) | ((uint32_t)(126 + rng.integer(0, 2)) << 7));
-    uint16_t best = sign_exp;
-    uint32_t best_d = ~0u;
-    for (uint16_t m = 0; m < 128; ++m) {
-      const uint32_t d = tie_distance(xr * ref::widen((uint16_t)(sign_exp | m)));
-      if (d < best_d) best_d = d, best = (uint16_t)(sign_exp | m);
-    }
-    w[i] = best;
+    w[i] = nearest_tie(sign_exp, [&](float c) { return xr * c; });
   }
   return w;
 }
 
-// The same for the gated norm, through the gate, which is per element.
+// Every other gate of the gated norm tuned so, keeping its sign.
 inline void sensitise_gate(const std::vector<uint16_t>& x, std::vector<uint16_t>& gate, int64_t gate_stride,
                            const std::vector<uint16_t>& w, int64_t rows, int heads, bool sigmoid_gate, float eps) {
   const int width = heads * 128;
@@ -112,17 +110,13 @@ inline void sensitise_gate(const std::vector<uint16_t>& x, std::vector<uint16_t>
       for (int i = 0; i < 128; i += 2) {
         uint16_t& g = gate[(size_t)(r * gate_stride + h * 128 + i)];
         const float y = (v[i] * rr) * ref::widen(w[i]);
-        const uint16_t sign_exp = (uint16_t)(g & 0x8000u) | (uint16_t)(127u << 7);
-        uint32_t best_d = ~0u;
-        for (uint16_t m = 0; m < 128; ++m) {
-          const uint16_t cand = (uint16_t)(sign_exp | m);
-          const uint32_t d = tie_distance(ref::gated(y, ref::widen(cand), sigmoid_gate));
-          if (d < best_d) best_d = d, g = cand;
-        }
+        g = nearest_tie((uint16_t)((g & 0x8000u) | (127u << 7)),
+                        [&](float c) { return ref::gated(y, c, sigmoid_gate); });
       }
     }
 }
 
+// The launch went in and finished.
 inline void sync_ok() {
   ASSERT_EQ(hipGetLastError(), hipSuccess);
   ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);

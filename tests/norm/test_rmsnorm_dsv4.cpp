@@ -30,22 +30,13 @@ TEST(Dsv4RmsNorm, EveryFormAgainstReference) {
         for (int64_t stride : {H, H + 24}) {
           SCOPED_TRACE(testing::Message() << "H " << H << " fp32 " << fp32 << " weight " << affine << " stride "
                                           << stride);
-          std::vector<float> seen;
-          qt::DevBuf dx;
-          if (fp32) {
-            // Values off the bf16 grid; the gap past H holds NaN, which must never be read.
-            auto xf = nt::mixed_rows(rng, rows, H, stride);
-            for (int64_t r = 0; r < rows; ++r)
-              for (int64_t i = H; i < stride; ++i) xf[(size_t)(r * stride + i)] = nan;
-            seen = as_seen(nt::dense_rows(xf, rows, H, stride));
-            dx = qt::DevBuf::from(xf);
-          } else {
-            auto xb = nt::mixed_bf16_rows(rng, rows, H, stride);
-            for (int64_t r = 0; r < rows; ++r)
-              for (int64_t i = H; i < stride; ++i) xb[(size_t)(r * stride + i)] = 0x7FC0;
-            seen = nt::widen_all(nt::dense_rows(xb, rows, H, stride));
-            dx = qt::DevBuf::from(xb);
-          }
+          // fp32 values lie off the bf16 grid; the gap past H holds NaN, which
+          // must never be read.
+          auto xf = nt::mixed_rows(rng, rows, H, stride);
+          for (int64_t r = 0; r < rows; ++r)
+            for (int64_t i = H; i < stride; ++i) xf[(size_t)(r * stride + i)] = nan;
+          const auto seen = as_seen(nt::dense_rows(xf, rows, H, stride));
+          qt::DevBuf dx = fp32 ? qt::DevBuf::from(xf) : qt::DevBuf::from(nt::round_all(xf));
           const auto w = nt::sensitive_weight(seen, (int)H, rows, 1e-6f, mapping_for(H), rng);
           auto dw = qt::DevBuf::from(w);
           qt::DevBuf dout((size_t)(rows * H) * 2);
@@ -115,13 +106,6 @@ TEST(Dsv4RmsNorm, WideFormArithmetic) {
   }
 }
 
-TEST(Dsv4RmsNorm, NoRowsLaunchesNothing) {
-  qt::DevBuf dout(64);
-  ASSERT_EQ(quillon_dsv4_rmsnorm(nullptr, nullptr, dout.get(), 1001, 0, 1003, 0, 1e-6f, nullptr), hipSuccess);
-  nt::sync_ok();
-  for (uint16_t v : dout.download<uint16_t>()) ASSERT_EQ(v, 0xFFFF);
-}
-
 TEST(Dsv4RmsNormDeathTest, Contracts) {
   EXPECT_QUILLON_FATAL((void)quillon_dsv4_rmsnorm(nullptr, nullptr, nullptr, 1000, 1, 1004, 0, 1e-6f, nullptr),
                        "dsv4_rmsnorm: x's row stride 1004 must be a multiple of 8");
@@ -146,21 +130,10 @@ TEST(Dsv4RmsNormShuffled, PanelWithZeroPadRows) {
         nt::sync_ok();
         const auto rowmajor =
             ref::norm_rows(nt::widen_all(x), (int)H, rows, affine ? w.data() : nullptr, 1e-6f, mapping_for(H));
-        const auto got = dout.download<uint16_t>();
-        EXPECT_BITS_EQ(got, ref::to_blk32(rowmajor, rows, padded, H));
+        // Bit for bit: pad rows hold +0, not merely something that compares equal.
+        EXPECT_BITS_EQ(dout.download<uint16_t>(), ref::to_blk32(rowmajor, rows, padded, H));
         EXPECT_TRUE(dout.guards_intact());
-        // Pad rows hold +0 exactly, not merely something that compares equal.
-        for (int64_t r = rows; r < padded; ++r)
-          for (int64_t c = 0; c < H; c += 31) ASSERT_EQ(got[ref::blk32_index(r, c, H)], 0) << r << "," << c;
       }
-}
-
-TEST(Dsv4RmsNormShuffled, NoPaddedRowsLaunchesNothing) {
-  qt::DevBuf dout(64);
-  quillon::dsv4_rmsnorm_shuffled(nullptr, nullptr, dout.get(), 4096, 0, 0, 1e-6f, nullptr);
-  quillon::dsv4_rmsnorm_shuffled(nullptr, nullptr, dout.get(), 1536, 0, 0, 1e-6f, nullptr);
-  nt::sync_ok();
-  for (uint16_t v : dout.download<uint16_t>()) ASSERT_EQ(v, 0xFFFF);
 }
 
 TEST(Dsv4RmsNormShuffledDeathTest, ContractsInOrder) {

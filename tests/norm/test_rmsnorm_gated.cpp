@@ -30,39 +30,48 @@ Inputs make_inputs(qt::Rng& rng, int64_t rows, int heads, int64_t gate_stride) {
   return in;
 }
 
-TEST(RmsNormGated, RowMajorEveryGeometry) {
+// Row-major (padded 0) and into a blk32 panel of `padded` rows. Geometry 3's
+// sigmoid gate also gets very negative gates: the sigmoid underflows to 0 and
+// the result is a zero with y's sign.
+TEST(RmsNormGated, EveryGeometryRowMajorAndPanel) {
   qt::Rng rng(31);
+  const float eps = 1e-6f;
+  struct Case {
+    int64_t rows, padded, gate_pad;
+  };
   for (const GatedGeo& g : kGeos) {
     if (!quillon::geometry_built(g.id)) continue;
     ASSERT_EQ(quillon_select_geometry(g.id), 0);
     const int64_t width = g.heads * 128;
-    for (int64_t rows : {1, 17})
-      for (int64_t gate_stride : {width, width + 64}) {
-        SCOPED_TRACE(testing::Message() << "geometry " << g.id << " rows " << rows << " gate_stride " << gate_stride);
-        Inputs in = make_inputs(rng, rows, g.heads, gate_stride);
-        nt::sensitise_gate(in.x, in.gate, gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
-        if (g.sigmoid) {
-          // Very negative gates: the sigmoid underflows to 0 and the result is a zero with y's sign.
-          for (int i = 0; i < 128; i += 3) in.gate[(size_t)(i + 128)] = qt::to_bf(-200.f - (float)i);
-        }
-        auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
-        qt::DevBuf dout((size_t)(rows * width) * 2);
-        quillon::rmsnorm_gated(dx.get(), dg.get(), gate_stride, dw.get(), dout.get(), rows, 1e-6f, nullptr);
-        nt::sync_ok();
-        const auto want = ref::gated_rows(in.x, in.gate, gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
-        const auto got = dout.download<uint16_t>();
-        EXPECT_BITS_EQ(got, want);
-        EXPECT_TRUE(dout.guards_intact());
-        if (g.sigmoid)
-          for (int i = 0; i < 128; i += 3) {
-            const bool y_negative = (ref::widen(in.x[(size_t)(i + 128)]) < 0) != (ref::widen(in.w[i]) < 0);
-            ASSERT_EQ(got[(size_t)(i + 128)], y_negative ? 0x8000 : 0x0000) << "element " << i;
-          }
+    std::vector<Case> cases = {{1, 0, 0}, {1, 0, 64}, {17, 0, 0}, {17, 0, 64}, {5, 32, 128}};
+    if (g.id == 0) cases.push_back({33, 64, 128});
+    for (auto [rows, padded, gate_pad] : cases) {
+      SCOPED_TRACE(testing::Message() << "geometry " << g.id << " rows " << rows << " padded " << padded
+                                      << " gate_stride " << width + gate_pad);
+      Inputs in = make_inputs(rng, rows, g.heads, width + gate_pad);
+      nt::sensitise_gate(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, eps);
+      // Row 0, head 1, every third element.
+      for (int i = 0; g.sigmoid && i < 128; i += 3) in.gate[(size_t)(i + 128)] = qt::to_bf(-200.f - (float)i);
+      auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
+      qt::DevBuf dout((size_t)((padded ? padded : rows) * width) * 2);
+      if (padded)
+        quillon::rmsnorm_gated_shuffled(dx.get(), dg.get(), in.gate_stride, dw.get(), dout.get(), rows, padded, eps,
+                                        nullptr);
+      else
+        quillon::rmsnorm_gated(dx.get(), dg.get(), in.gate_stride, dw.get(), dout.get(), rows, eps, nullptr);
+      nt::sync_ok();
+      const auto want = ref::gated_rows(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, eps);
+      EXPECT_BITS_EQ(dout.download<uint16_t>(), padded ? ref::to_blk32(want, rows, padded, width) : want);
+      EXPECT_TRUE(dout.guards_intact());
+      for (int i = 0; g.sigmoid && i < 128; i += 3) {
+        const bool y_negative = (ref::widen(in.x[(size_t)(i + 128)]) < 0) != (ref::widen(in.w[i]) < 0);
+        ASSERT_EQ(want[(size_t)(i + 128)], y_negative ? 0x8000 : 0x0000) << "element " << i;
       }
+    }
   }
 }
 
-TEST(RmsNormGated, InPlaceAndNoRows) {
+TEST(RmsNormGated, InPlace) {
   qt::Rng rng(32);
   QT_SELECT_GEOMETRY(1);
   Inputs in = make_inputs(rng, 3, 48, 16512);
@@ -70,38 +79,6 @@ TEST(RmsNormGated, InPlaceAndNoRows) {
   quillon::rmsnorm_gated(dx.get(), dg.get(), in.gate_stride, dw.get(), dx.get(), 3, 1e-6f, nullptr);
   nt::sync_ok();
   EXPECT_BITS_EQ(dx.download<uint16_t>(), ref::gated_rows(in.x, in.gate, in.gate_stride, in.w, 3, 48, false, 1e-6f));
-
-  qt::DevBuf dout(64 * 48 * 128 * 2);
-  quillon::rmsnorm_gated(nullptr, nullptr, 6144, nullptr, dout.get(), 0, 1e-6f, nullptr);
-  quillon::rmsnorm_gated_shuffled(nullptr, nullptr, 6144, nullptr, dout.get(), 0, 64, 1e-6f, nullptr);
-  nt::sync_ok();
-  for (uint16_t v : dout.download<uint16_t>()) ASSERT_EQ(v, 0xFFFF);
-}
-
-TEST(RmsNormGatedShuffled, PanelEveryGeometry) {
-  qt::Rng rng(33);
-  for (const GatedGeo& g : kGeos) {
-    if (!quillon::geometry_built(g.id)) continue;
-    ASSERT_EQ(quillon_select_geometry(g.id), 0);
-    const int64_t width = g.heads * 128;
-    std::vector<std::pair<int64_t, int64_t>> shapes = {{5, 32}};
-    if (g.id == 0) shapes.push_back({33, 64});
-    for (auto [rows, padded] : shapes) {
-      SCOPED_TRACE(testing::Message() << "geometry " << g.id << " rows " << rows << " padded " << padded);
-      Inputs in = make_inputs(rng, rows, g.heads, width + 128);
-      nt::sensitise_gate(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
-      if (g.sigmoid)
-        for (int i = 0; i < 64; ++i) in.gate[(size_t)(i * 2)] = qt::to_bf(-1000.f);
-      auto dx = qt::DevBuf::from(in.x), dg = qt::DevBuf::from(in.gate), dw = qt::DevBuf::from(in.w);
-      qt::DevBuf dout((size_t)(padded * width) * 2);
-      quillon::rmsnorm_gated_shuffled(dx.get(), dg.get(), in.gate_stride, dw.get(), dout.get(), rows, padded, 1e-6f,
-                                      nullptr);
-      nt::sync_ok();
-      const auto rowmajor = ref::gated_rows(in.x, in.gate, in.gate_stride, in.w, rows, g.heads, g.sigmoid, 1e-6f);
-      EXPECT_BITS_EQ(dout.download<uint16_t>(), ref::to_blk32(rowmajor, rows, padded, width));
-      EXPECT_TRUE(dout.guards_intact());
-    }
-  }
 }
 
 TEST(RmsNormGatedDeathTest, Contracts) {

@@ -14,43 +14,34 @@ namespace ref {
 
 inline float bf16_value(uint16_t h) { return widen(h); }
 
-// C[m, n] = sum over k of A[m, k] * B[n, k]; A is M x K, B is N x K.
+// C[m, n] = sum over k of A[m, k] * B[n, k]; A is M x K, B is N x K. With
+// `magnitude` the sum of |A[m, k] * B[n, k]|: the scale of a summation error.
 inline std::vector<double> gemm(const std::vector<float>& A, const std::vector<float>& B, int64_t M, int64_t N,
-                                int64_t K) {
+                                int64_t K, bool magnitude = false) {
   std::vector<double> C((size_t)(M * N));
   for (int64_t m = 0; m < M; ++m)
     for (int64_t n = 0; n < N; ++n) {
       double s = 0.0;
-      for (int64_t k = 0; k < K; ++k) s += (double)A[(size_t)(m * K + k)] * (double)B[(size_t)(n * K + k)];
+      for (int64_t k = 0; k < K; ++k) {
+        const double p = (double)A[(size_t)(m * K + k)] * (double)B[(size_t)(n * K + k)];
+        s += magnitude ? std::fabs(p) : p;
+      }
       C[(size_t)(m * N + n)] = s;
     }
   return C;
 }
-// sum over k of |A[m, k] * B[n, k]|: the scale of a summation error.
 inline std::vector<double> gemm_abs(const std::vector<float>& A, const std::vector<float>& B, int64_t M, int64_t N,
                                     int64_t K) {
-  std::vector<double> C((size_t)(M * N));
-  for (int64_t m = 0; m < M; ++m)
-    for (int64_t n = 0; n < N; ++n) {
-      double s = 0.0;
-      for (int64_t k = 0; k < K; ++k) s += std::fabs((double)A[(size_t)(m * K + k)] * (double)B[(size_t)(n * K + k)]);
-      C[(size_t)(m * N + n)] = s;
-    }
-  return C;
+  return gemm(A, B, M, N, K, true);
 }
 
 // Output rounding to bf16: a NaN keeps the top half of bits | 0x400000; any
-// other value rounds to nearest, ties to even, on the bits.
+// other value rounds to nearest even.
 inline uint16_t bf16_out(float f) {
-  const uint32_t u = to_bits(f);
-  if (std::isnan(f)) return (uint16_t)((u | 0x400000u) >> 16);
-  return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
+  return std::isnan(f) ? (uint16_t)((to_bits(f) | 0x400000u) >> 16) : round_bf16(f);
 }
 // The same rounding without a NaN case (scaled fp8 weights of the prefill path).
-inline uint16_t bf16_rne_plain(float f) {
-  const uint32_t u = to_bits(f);
-  return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
-}
+inline uint16_t bf16_rne_plain(float f) { return round_bf16(f); }
 
 // An e4m3 weight byte: sign, 4 exponent bits e, 3 mantissa bits f, worth
 // 2^(e - 7) * (1 + f / 8) for every non-zero magnitude (exponent field 0 is

@@ -9,14 +9,10 @@
 
 #include "hw_math.h"
 #include "ref_bits.h"
+#include "shuffle_ref.h"
 
 namespace ref {
 
-// Nearest even on the bits; a NaN goes wherever the addition takes it.
-inline uint16_t round_bf16(float f) {
-  const uint32_t u = to_bits(f);
-  return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
-}
 inline float through_bf16(float f) { return widen(round_bf16(f)); }
 
 inline float rsq_care(float m) {
@@ -111,16 +107,11 @@ inline std::vector<uint16_t> norm_rows(const std::vector<float>& x, int H, int64
   return out;
 }
 
-// Element index (in bf16 units) of (r, c) in a row-block-major blk32 panel of C columns.
-inline size_t blk32_index(int64_t r, int64_t c, int64_t C) {
-  return (size_t)(((r / 32) * (C / 32) + c / 32) * 1024 + (r % 32) * 32 + (c % 32));
-}
-// The panel of `padded` rows holding `rowmajor` ([rows, C]) with zero pad rows.
-inline std::vector<uint16_t> to_blk32(const std::vector<uint16_t>& rowmajor, int64_t rows, int64_t padded, int64_t C) {
-  std::vector<uint16_t> p((size_t)(padded * C), 0);
-  for (int64_t r = 0; r < rows; ++r)
-    for (int64_t c = 0; c < C; ++c) p[blk32_index(r, c, C)] = rowmajor[(size_t)(r * C + c)];
-  return p;
+// The row-block-major blk32 panel of `padded` rows holding `rowmajor`
+// ([rows, C]) with zero pad rows.
+inline std::vector<uint16_t> to_blk32(std::vector<uint16_t> rowmajor, int64_t rows, int64_t padded, int64_t C) {
+  rowmajor.resize((size_t)(padded * C), 0);
+  return blk32(rowmajor, C, padded, C, padded, false);
 }
 
 inline float sigmoid(float g) { return 1.0f / (1.0f + hw_exp2(-g * from_bits(0x3FB8AA3Bu))); }

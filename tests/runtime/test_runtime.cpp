@@ -275,17 +275,14 @@ std::string probe(const char* schedule, const char* key) {
   return out;
 }
 
-TEST(Schedule, RaceFreeKernelIsIdenticalUnderEveryOrder) {
+// A race-free kernel gives the same under every order; in a racy one the last
+// writer wins: thread 255 when lanes run forward, thread 0 in reverse.
+TEST(Schedule, OrdersChangeOnlyRacyResults) {
   QT_NEEDS_CPU_DEVICE("schedules");
   const std::string fwd = probe("forward", "RACEFREE");
   ASSERT_FALSE(fwd.empty());
   EXPECT_EQ(probe("reverse", "RACEFREE"), fwd);
   EXPECT_EQ(probe("random:7", "RACEFREE"), fwd);
-}
-
-TEST(Schedule, RacyKernelDiffersBetweenOrders) {
-  QT_NEEDS_CPU_DEVICE("schedules");
-  // The last writer wins: thread 255 when lanes run forward, thread 0 in reverse.
   EXPECT_EQ(probe("forward", "RACY"), "RACY 255\n");
   EXPECT_EQ(probe("reverse", "RACY"), "RACY 0\n");
 }
@@ -298,17 +295,6 @@ TEST(Memory, GuardPageStopsAnOverrun) {
   EXPECT_EQ(hipFree(p), hipSuccess);
   EXPECT_EQ(hipFree(reinterpret_cast<void*>(0x1000)), hipErrorInvalidValue);
   (void)hipGetLastError();
-}
-
-TEST(Device, PropertiesReportTwentyProcessors) {
-  QT_NEEDS_CPU_DEVICE("its modelled properties");
-  hipDeviceProp_t prop;
-  int dev = -1;
-  ASSERT_EQ(hipGetDevice(&dev), hipSuccess);
-  ASSERT_EQ(hipGetDeviceProperties(&prop, dev), hipSuccess);
-  EXPECT_EQ(prop.multiProcessorCount, 20);
-  EXPECT_EQ(prop.warpSize, 32);
-  EXPECT_STREQ(prop.gcnArchName, "gfx1151");
 }
 
 }  // namespace

@@ -41,24 +41,6 @@ TileMap hand_made_map(int64_t M, int64_t T) {
   return m;
 }
 
-struct DevMap {
-  qt::DevBuf ids, experts, counts;
-  explicit DevMap(const TileMap& m)
-      : ids(qt::DevBuf::from(m.sorted_ids)), experts(qt::DevBuf::from(m.tile_expert)), counts(qt::DevBuf::from(m.tile_counts)) {}
-  GroupedGemmTiles record(const TileMap& m, int pass, int32_t shared_id, const void* hidden_shuffled) const {
-    GroupedGemmTiles t{};
-    t.sorted_ids = ids.as<int32_t>();
-    t.tile_expert = experts.as<int32_t>();
-    t.tile_counts = counts.as<int32_t>();
-    t.max_tiles = m.max_tiles;
-    t.M = m.M;
-    t.shared_expert_id = shared_id;
-    t.hidden_shuffled = hidden_shuffled;
-    t.pass = pass;
-    return t;
-  }
-};
-
 void run_gathered(const TileMap& m, int64_t H, int pass, int32_t shared_id, const void* hidden_shuffled,
                   const std::function<bool(int64_t)>& runs, uint64_t seed) {
   SCOPED_TRACE(testing::Message() << "H=" << H << " T=" << m.T << " pass=" << pass << " shared=" << shared_id);
@@ -66,8 +48,18 @@ void run_gathered(const TileMap& m, int64_t H, int pass, int32_t shared_id, cons
   std::vector<uint16_t> src((size_t)(m.M * H));
   for (auto& x : src) x = (uint16_t)(rng.bits() | 1u);  // never zero, so a zero row is the bound at work
   qt::DevBuf s = qt::DevBuf::from(src), d((size_t)(m.max_tiles * m.T * H * 2));
-  DevMap dm(m);
-  quillon::shuffle_gathered_a(s.get(), d.get(), dm.record(m, pass, shared_id, hidden_shuffled), H, (int)m.T, nullptr);
+  qt::DevBuf ids = qt::DevBuf::from(m.sorted_ids), experts = qt::DevBuf::from(m.tile_expert),
+             counts = qt::DevBuf::from(m.tile_counts);
+  GroupedGemmTiles t{};
+  t.sorted_ids = ids.as<int32_t>();
+  t.tile_expert = experts.as<int32_t>();
+  t.tile_counts = counts.as<int32_t>();
+  t.max_tiles = m.max_tiles;
+  t.M = m.M;
+  t.shared_expert_id = shared_id;
+  t.hidden_shuffled = hidden_shuffled;
+  t.pass = pass;
+  quillon::shuffle_gathered_a(s.get(), d.get(), t, H, (int)m.T, nullptr);
   QT_HIP(hipStreamSynchronize(nullptr));
   QT_HIP(hipGetLastError());
   auto want = ref::gathered_a(

@@ -19,78 +19,49 @@ std::vector<uint16_t> distinct_bf16(size_t n, uint32_t seed) {
   return v;
 }
 
-struct ActCase {
-  int64_t M, C, stride;
-};
-
-TEST(Blk32, ActivationsRowBlockMajor) {
-  // M = 1 pads to 256 rows that all equal row 0 (its source holds one row, so
-  // reading any other row leaves the buffer); M = 256 has no pad row; the
-  // others cut a pad region mid-block and use a row stride wider than C.
-  for (ActCase k : {ActCase{1, 64, 64}, ActCase{256, 96, 96}, ActCase{200, 160, 168}, ActCase{300, 32, 40},
-                    ActCase{50, 32, 32}}) {
-    SCOPED_TRACE(testing::Message() << "M=" << k.M << " C=" << k.C << " stride=" << k.stride);
-    const int64_t R = k.M == 50 ? 64 : gc::PrefillTile::padded_rows(k.M);
-    auto src = distinct_bf16((size_t)(k.M * k.stride), (uint32_t)k.C);
-    qt::DevBuf s = qt::DevBuf::from(src), d(R * k.C * 2);
-    quillon::shuffle_a_blk32(s.get(), k.stride, d.get(), R, k.C, nullptr, k.M);
-    QT_HIP(hipStreamSynchronize(nullptr));
-    QT_HIP(hipGetLastError());
-    auto got = d.download<uint16_t>();
-    EXPECT_BITS_EQ(got, ref::blk32(src, k.stride, R, k.C, k.M, false));
-    EXPECT_TRUE(d.guards_intact());
-    // The address helper that writers and the GEMM use agrees with the kernel.
-    int64_t bad = 0;
-    for (int64_t r = 0; r < R; ++r)
-      for (int64_t c = 0; c < k.C; ++c)
-        bad += got[(size_t)(gc::blk32_offset<false>(r, c, R, k.C) / 2)] != src[(size_t)((r < k.M ? r : 0) * k.stride + c)];
-    EXPECT_EQ(bad, 0);
-  }
+// Runs one shuffle of src into out_elems elements and compares every one.
+template <class T, class Launch>
+void check_shuffle(const std::vector<T>& src, size_t out_elems, Launch&& launch, const std::vector<T>& want) {
+  qt::DevBuf s = qt::DevBuf::from(src), d(out_elems * sizeof(T));
+  launch(s.get(), d.get());
+  QT_HIP(hipStreamSynchronize(nullptr));
+  QT_HIP(hipGetLastError());
+  EXPECT_BITS_EQ(d.download<T>(), want);
+  EXPECT_TRUE(d.guards_intact());
 }
 
-TEST(Blk32, WeightsColumnBlockMajor) {
-  struct W {
-    int64_t N, K, stride;
+// Activations are row-block-major: M = 1 pads to 256 rows that all equal row 0
+// (its source holds one row, so reading any other row leaves the buffer);
+// M = 256 has no pad row; the others cut a pad region mid-block. Weights, bf16
+// and fp8, are column-block-major. Several row strides are wider than C.
+TEST(Blk32, EveryOrderAgainstTheAddressFormula) {
+  enum Kind { Act, Weight, Fp8 };
+  struct Case {
+    Kind kind;
+    int64_t M, R, C, stride;
   };
-  for (W k : {W{64, 32, 32}, W{96, 192, 200}, W{128, 256, 256}}) {
-    SCOPED_TRACE(testing::Message() << "N=" << k.N << " K=" << k.K << " stride=" << k.stride);
-    auto src = distinct_bf16((size_t)(k.N * k.stride), 3);
-    qt::DevBuf s = qt::DevBuf::from(src), d(k.N * k.K * 2);
-    quillon::shuffle_b_blk32(s.get(), k.stride, d.get(), k.N, k.K, nullptr);
-    QT_HIP(hipStreamSynchronize(nullptr));
-    QT_HIP(hipGetLastError());
-    auto got = d.download<uint16_t>();
-    EXPECT_BITS_EQ(got, ref::blk32(src, k.stride, k.N, k.K, k.N, true));
-    EXPECT_TRUE(d.guards_intact());
-    int64_t bad = 0;
-    for (int64_t r = 0; r < k.N; ++r)
-      for (int64_t c = 0; c < k.K; ++c)
-        bad += got[(size_t)(gc::blk32_b_offset(r, c, k.N) / 2)] != src[(size_t)(r * k.stride + c)];
-    EXPECT_EQ(bad, 0);
-  }
-}
-
-TEST(Blk32, Fp8WeightsColumnBlockMajor) {
-  struct W {
-    int64_t N, K, stride;
-  };
+  const Case cases[] = {{Act, 1, 256, 64, 64},       {Act, 256, 256, 96, 96},   {Act, 200, 256, 160, 168},
+                        {Act, 300, 512, 32, 40},     {Act, 50, 64, 32, 32},     {Weight, 64, 64, 32, 32},
+                        {Weight, 96, 96, 192, 200},  {Weight, 128, 128, 256, 256}, {Fp8, 64, 64, 32, 32},
+                        {Fp8, 96, 96, 192, 200},     {Fp8, 32, 32, 256, 256}};
   qt::Rng rng(21);
-  for (W k : {W{64, 32, 32}, W{96, 192, 200}, W{32, 256, 256}}) {
-    SCOPED_TRACE(testing::Message() << "N=" << k.N << " K=" << k.K << " stride=" << k.stride);
-    std::vector<uint8_t> src((size_t)(k.N * k.stride));
-    for (auto& b : src) b = (uint8_t)rng.bits();
-    qt::DevBuf s = qt::DevBuf::from(src), d(k.N * k.K);
-    quillon::shuffle_b_blk32_fp8(s.get(), k.stride, d.get(), k.N, k.K, nullptr);
-    QT_HIP(hipStreamSynchronize(nullptr));
-    QT_HIP(hipGetLastError());
-    auto got = d.download<uint8_t>();
-    EXPECT_BITS_EQ(got, ref::blk32_fp8(src, k.stride, k.N, k.K));
-    EXPECT_TRUE(d.guards_intact());
-    int64_t bad = 0;
-    for (int64_t r = 0; r < k.N; ++r)
-      for (int64_t c = 0; c < k.K; ++c)
-        bad += got[(size_t)gc::blk32_fp8_offset(r, c, k.N)] != src[(size_t)(r * k.stride + c)];
-    EXPECT_EQ(bad, 0);
+  for (const Case& k : cases) {
+    SCOPED_TRACE(testing::Message() << "kind " << k.kind << " M=" << k.M << " C=" << k.C << " stride=" << k.stride);
+    const size_t n = (size_t)(k.R * k.C);
+    if (k.kind == Fp8) {
+      std::vector<uint8_t> src((size_t)(k.M * k.stride));
+      for (auto& b : src) b = (uint8_t)rng.bits();
+      check_shuffle(src, n, [&](void* s, void* d) { quillon::shuffle_b_blk32_fp8(s, k.stride, d, k.R, k.C, nullptr); },
+                    ref::blk32_fp8(src, k.stride, k.R, k.C));
+      continue;
+    }
+    const auto src = distinct_bf16((size_t)(k.M * k.stride), (uint32_t)k.C);
+    check_shuffle(src, n,
+                  [&](void* s, void* d) {
+                    if (k.kind == Act) quillon::shuffle_a_blk32(s, k.stride, d, k.R, k.C, nullptr, k.M);
+                    else quillon::shuffle_b_blk32(s, k.stride, d, k.R, k.C, nullptr);
+                  },
+                  ref::blk32(src, k.stride, k.R, k.C, k.M, k.kind == Weight));
   }
 }
 
@@ -122,17 +93,8 @@ void check_block_panel(uint64_t seed) {
   qt::Rng rng(seed);
   std::vector<uint16_t> src((size_t)R * K);
   for (auto& x : src) x = (uint16_t)rng.bits();
-  qt::DevBuf s = qt::DevBuf::from(src), d((size_t)R * K * 2);
-  quillon::shuffle_block_panel<R, K>(s.get(), d.get(), nullptr);
-  QT_HIP(hipStreamSynchronize(nullptr));
-  QT_HIP(hipGetLastError());
-  auto got = d.download<uint16_t>();
-  EXPECT_BITS_EQ(got, ref::block_panel(src, R, K));
-  EXPECT_TRUE(d.guards_intact());
-  int64_t bad = 0;
-  for (int64_t r = 0; r < R; r += 37)
-    for (int64_t c = 0; c < K; ++c) bad += got[(size_t)(gc::block_panel_offset(r, c, K) / 2)] != src[(size_t)(r * K + c)];
-  EXPECT_EQ(bad, 0);
+  check_shuffle(src, src.size(), [](void* s, void* d) { quillon::shuffle_block_panel<R, K>(s, d, nullptr); },
+                ref::block_panel(src, R, K));
 }
 
 TEST(BlockPanel, RouterShapes) {
