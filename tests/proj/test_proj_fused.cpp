@@ -116,7 +116,7 @@ TEST_F(ProjFused, QKvPairWithBf16Arm) {
                        Geo{3, 2560, 12288, 1024, 96, 8, 4}}) {
     if (!quillon::geometry_built(g.g)) continue;
     SCOPED_TRACE(testing::Message() << "geometry " << g.g);
-    select(g.g);
+    ASSERT_EQ(quillon_select_geometry(g.g), 0);
     qt::Rng rng(22);
     const Weight q = kquant_weight(5, g.Nq, g.K, 50), kv = bf16_weight(g.Nkv, g.K, rng);
     auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
@@ -164,7 +164,7 @@ TEST_F(ProjFused, LinearInTriple) {
   for (const Row& r : rows) {
     if (!quillon::geometry_built(r.g)) continue;
     SCOPED_TRACE(testing::Message() << "geometry " << r.g << " formats " << r.f0 << ", " << r.f1);
-    select(r.g);
+    ASSERT_EQ(quillon_select_geometry(r.g), 0);
     qt::Rng rng(24);
     const Weight ba = one_tile_bf16(r.K, rng), qkv = kquant_weight(r.f0, r.Nqkv, r.K, 80 + r.f0),
                  z = kquant_weight(r.f1, r.Nz, r.K, 90 + r.f1);
@@ -182,7 +182,7 @@ TEST_F(ProjFused, LinearInTriple) {
 // Equal formats and M past 32 run the three in turn (at p2 = 64 z splits by 2
 // and ba by 8; qkv splits from p2 = 128, and then runs whole).
 TEST_F(ProjFused, LinearInTripleInTurn) {
-  select(0);
+  QT_SELECT_GEOMETRY(0);
   qt::Rng rng(25);
   const Weight ba = one_tile_bf16(2048, rng);
   const int64_t p2 = quillon::num_cus_p2();

@@ -10,6 +10,13 @@
 #include "rmsnorm_ref.h"
 
 namespace ref {
+// Element (r, c) of a row-block-major blk32 panel C wide.
+inline size_t blk32_index(int64_t r, int64_t c, int64_t C) {
+  return (size_t)(((r / 32) * (C / 32) + c / 32) * 1024 + (r % 32) * 32 + (c % 32));
+}
+}  // namespace ref
+
+namespace ref {
 
 // Angle of pair j: the position rounded to float, times the frequency in float.
 inline float rope_angle(float inv_freq, int64_t pos) { return inv_freq * (float)pos; }
