@@ -208,22 +208,24 @@ TEST_F(ProjFused, LinearInTripleInTurn) {
 TEST(ProjFusedLayout, EveryLaunchOfTheTables) {
   struct Row {
     const char* what;
+    int g;
     pj::FusedLayout got;
     int64_t seam, t1;
     int s1, s2;
     int64_t grid_x;
   };
   const Row rows[] = {
-      {"qk+v K 2560", pj::qkv_pair_layout(3), 100, 4, 4, 0, 116},
-      {"qk+v K 5120", pj::qkv_pair_layout(1), 104, 8, 8, 0, 168},
-      {"gate+up 20,23", pj::mlp_pair_layout(1, 20, 23), 136, 136, 1, 0, 272},
-      {"gate+up 8,3", pj::mlp_pair_layout(1, 8, 3), 136, 136, 1, 0, 272},
-      {"gate+up 3,20", pj::mlp_pair_layout(1, 3, 20), 136, 136, 2, 0, 408},
-      {"triple K 2048 F 5", pj::triple_layout(0, 5), 64, 32, 8, 4, 324},
-      {"triple K 2560 F 23", pj::triple_layout(3, 23), 80, 48, 4, 4, 276},
-      {"triple K 5120 F 6", pj::triple_layout(1, 6), 80, 48, 4, 4, 276},
+      {"qk+v K 2560", 3, pj::qkv_pair_layout(3), 100, 4, 4, 0, 116},
+      {"qk+v K 5120", 1, pj::qkv_pair_layout(1), 104, 8, 8, 0, 168},
+      {"gate+up 20,23", 1, pj::mlp_pair_layout(1, 20, 23), 136, 136, 1, 0, 272},
+      {"gate+up 8,3", 1, pj::mlp_pair_layout(1, 8, 3), 136, 136, 1, 0, 272},
+      {"gate+up 3,20", 1, pj::mlp_pair_layout(1, 3, 20), 136, 136, 2, 0, 408},
+      {"triple K 2048 F 5", 0, pj::triple_layout(0, 5), 64, 32, 8, 4, 324},
+      {"triple K 2560 F 23", 3, pj::triple_layout(3, 23), 80, 48, 4, 4, 276},
+      {"triple K 5120 F 6", 1, pj::triple_layout(1, 6), 80, 48, 4, 4, 276},
   };
   for (const Row& r : rows) {
+    if (!quillon::geometry_built(r.g)) continue;
     SCOPED_TRACE(r.what);
     EXPECT_EQ(r.got.seam, r.seam);
     EXPECT_EQ(r.got.t1, r.t1);

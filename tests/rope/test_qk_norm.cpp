@@ -91,6 +91,7 @@ TEST(QkNorm, PlainFusedAndSplitEveryGeometry) {
   const float eps = 1e-6f;
   for (const Geo& g : kGeos) {
     SCOPED_TRACE(testing::Message() << "geometry " << g.id);
+    if (!quillon::geometry_built(g.id)) continue;
     ASSERT_EQ(quillon_select_geometry(g.id), 0);
     const Shape s{g.qh, g.kh, 256, 512};
     const int64_t stride = g.k_offset + 2 * g.kh * 256 + 64;  // the V heads, then a gap
@@ -168,12 +169,12 @@ hipError_t split(int64_t n) {
 }
 
 TEST(QkNorm, ZeroTokensLaunchNothing) {
-  ASSERT_EQ(quillon_select_geometry(3), 0);
+  QT_SELECT_GEOMETRY(3);
   for (auto* f : {plain, fused, split}) EXPECT_EQ(f(0), hipSuccess);
 }
 
 TEST(QkNormDeathTest, GeometryTwoCarriesNone) {
-  ASSERT_EQ(quillon_select_geometry(2), 0);
+  QT_SELECT_GEOMETRY(2);
   for (auto* f : {plain, fused, split}) EXPECT_QUILLON_FATAL((void)f(0), rt::kGeometryTwo);
 }
 
