@@ -1,27 +1,10 @@
 // Per-head QK norm, alone and with the fused rotation, for every geometry and
 // the draft's whole-head forms, bit for bit against the reference.
-#include "platform/device.h"
-#include "platform/launch.h"
 #include "quillon/quillon.h"
 #include "rope/rope.h"
 #include "rope/rope_util.h"
 
 namespace {
-
-// The reciprocal square root as the device computes it (a hardware estimate on
-// gfx1151), so the reference assumes no rounding of its own.
-__global__ __launch_bounds__(256) void rsq_probe_kernel(const float* m, float* r, int64_t n) {
-  const int64_t i = (int64_t)blockIdx.x * 256 + threadIdx.x;
-  if (i < n) r[i] = quillon::dev::rsq_care(m[i]);
-}
-std::vector<float> device_rsq(const std::vector<float>& m) {
-  auto dm = qt::DevBuf::from(m);
-  qt::DevBuf dr(m.size() * 4);
-  (void)quillon::launch(&rsq_probe_kernel, dim3((unsigned)((m.size() + 255) / 256)), dim3(256), 0, nullptr,
-                        dm.as<const float>(), dr.as<float>(), (int64_t)m.size());
-  (void)hipStreamSynchronize(nullptr);
-  return dr.download<float>();
-}
 
 // Heads of `head` dims, query heads `qstride` apart in their rows, key heads
 // `head` apart.
@@ -48,7 +31,8 @@ Expected expect(const Shape& s, const std::vector<uint16_t>& q, int64_t q_row, c
   std::vector<float> m;
   for (int64_t tok = 0; tok < n; ++tok)
     for (int h = 0; h < s.qh + s.kh; ++h) m.push_back(ref::head_mean(head_at(tok, h).data(), s.head, eps));
-  const auto r = device_rsq(m);
+  std::vector<float> r(m.size());
+  for (size_t i = 0; i < m.size(); ++i) r[i] = ref::rsq_care(m[i]);  // the device's rsq on m
   for (int64_t tok = 0; tok < n && rotary; ++tok) {
     const auto x = head_at(tok, 0);
     const auto& w = s.qh ? qw : kw;
