@@ -134,7 +134,10 @@ size_t stack_bytes() {
 }
 
 // Per worker thread: fiber stacks with a guard page below each, LDS, scheduler.
+// A co-resident launch's threads leave the guards out: each guard is two
+// mappings, and 64 workgroups of 512 threads would pass vm.max_map_count.
 struct Worker {
+  bool guards = true;
   char* region = nullptr;
   size_t nstacks = 0;
   size_t stride = 0;
@@ -154,7 +157,8 @@ struct Worker {
     region = static_cast<char*>(mmap(nullptr, n * stride, PROT_READ | PROT_WRITE,
                                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     if (region == MAP_FAILED) die("cannot map %zu fiber stacks", n);
-    for (size_t i = 0; i < n; ++i) mprotect(region + i * stride, page, PROT_NONE);
+    if (guards)
+      for (size_t i = 0; i < n; ++i) mprotect(region + i * stride, page, PROT_NONE);
     nstacks = n;
   }
   ~Worker() {
@@ -538,7 +542,11 @@ int launch(qcpu_dim3 grid, qcpu_dim3 block, size_t lds, void (*invoke)(void*), v
     // Every workgroup lives at once: its own OS thread, so spinning ones yield.
     std::vector<std::thread> ts;
     ts.reserve(J.count);
-    for (size_t i = 0; i < J.count; ++i) ts.emplace_back([&J] { work_on(J); });
+    for (size_t i = 0; i < J.count; ++i)
+      ts.emplace_back([&J] {
+        worker().guards = false;
+        work_on(J);
+      });
     for (auto& t : ts) t.join();
   } else {
     pool().run(J);
