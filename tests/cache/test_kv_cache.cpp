@@ -226,6 +226,8 @@ TEST(KvPoolDeathTest, MessagesInOrder) {
   EXPECT_QUILLON_FATAL((void)quillon_resolve_slots(nullptr, 0, nullptr, nullptr, nullptr, 1, 0, nullptr),
                        "resolve_slots: a KV page is a positive number of slots (got 0)");
   EXPECT_QUILLON_FATAL((void)quillon_kv_blocks_for(5, -2), "kv_blocks_for: a KV page is a positive number of slots (got -2)");
+  EXPECT_QUILLON_FATAL((void)quillon_paged_window_blocks(1, 1, 0),
+                       "paged_window_blocks: a KV page is a positive number of slots (got 0)");
   EXPECT_QUILLON_FATAL((void)quillon_paged_window_view(nullptr, 0, nullptr, 0, 1, 1, nullptr, 0, nullptr, 0, nullptr),
                        "paged_window_view: a KV page is a positive number of slots (got 0)");
   QT_SELECT_GEOMETRY(2);

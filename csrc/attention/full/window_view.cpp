@@ -38,6 +38,8 @@ int64_t pages_for(int64_t tokens, int64_t page) { return (tokens + page - 1) / p
 }  // namespace
 
 int64_t paged_window_blocks(int64_t head_tokens, int64_t tail_tokens, int64_t page) {
+  // Not in the failure table; a message beats a division by zero.
+  QUILLON_CHECK(page >= 1, "paged_window_blocks: a KV page is a positive number of slots (got %lld)", (long long)page);
   return pages_for(head_tokens, page) + pages_for(tail_tokens, page);
 }
 
