@@ -2,7 +2,7 @@
 #pragma once
 #include <stdint.h>
 
-#include "quillon/quillon.h"
+#include "quillon/quillon_types.h"
 
 namespace quillon {
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "../../csrc/device/geometry.h"
+#include "quillon/quillon.h"
 #include "../../csrc/platform/numerics.h"
 
 namespace qt {
