@@ -138,6 +138,7 @@ TEST_F(FileReaderTest, SamePathOpensOnceAndDestroyClosesAll) {
     check_read(r.get(), pa, a, 3000, 17000);
     EXPECT_EQ(open_fds(), before + 3);  // the ring and two files
     Reader fresh = make_reader(1, 4096, 2);
+    ASSERT_TRUE(fresh);
     char dst[1];
     EXPECT_EQ(quillon_file_reader_read(fresh.get(), pa.c_str(), 0, 1, dst, nullptr), kIoError);
   }
