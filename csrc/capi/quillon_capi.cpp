@@ -13,6 +13,7 @@
 #include "../sampling/multinomial.h"
 #include "../gemm/kquant_shuffle.h"
 #include "../gemm/gemm_entries.h"
+#include "../io/file_read.h"
 
 using namespace quillon;
 
@@ -298,5 +299,18 @@ QUILLON_API hipError_t quillon_sampling_argmax(const float* logits, int64_t* out
   return hipGetLastError();
 }
 QUILLON_API int64_t quillon_sampling_max_k(void) { return kSamplingMaxK; }
+
+/* ---- file reader ---- */
+QUILLON_API QuillonFileReader* quillon_file_reader_create(int32_t queue_depth, int64_t chunk_bytes,
+                                                          int32_t num_buffers) {
+  return reinterpret_cast<QuillonFileReader*>(file_reader_create(queue_depth, chunk_bytes, num_buffers));
+}
+QUILLON_API void quillon_file_reader_destroy(QuillonFileReader* reader) {
+  file_reader_destroy(reinterpret_cast<FileReader*>(reader));
+}
+QUILLON_API hipError_t quillon_file_reader_read(QuillonFileReader* reader, const char* path, int64_t offset,
+                                                int64_t bytes, void* dst, hipStream_t stream) {
+  return file_reader_read(reinterpret_cast<FileReader*>(reader), path, offset, bytes, dst, stream);
+}
 
 }  // extern "C"
