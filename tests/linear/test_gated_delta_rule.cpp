@@ -139,9 +139,10 @@ TEST(GatedDeltaRule, DecodeReadOnlyAndAdvance) {
         lt::put_slot(want_rows, table[t], st);
         if (adv_n[s] == r + 1) lt::put_slot(want_adv, committed[s], st);
         for (int h = 0; h < geo.hv; ++h) {
-          double o[128];
+          ref::GdrTokenD d;
           ref::gdr_step_d(sd[h], in.q(t, h), in.k(t, h), in.v(t, h), in.b(t, h), in.a(t, h), in.a_log[h],
-                          in.dt_bias[h], o);
+                          in.dt_bias[h], d);
+          const double* o = d.o;
           double smax = 0;
           for (double x : sd[h]) smax = std::max(smax, std::fabs(x));
           for (int c = 0; c < 128; ++c) {
@@ -162,6 +163,126 @@ TEST(GatedDeltaRule, DecodeReadOnlyAndAdvance) {
         << "the read-only decode wrote to the pool";
     EXPECT_TRUE(drow_out.guards_intact() && drow_pool.guards_intact() && dro_pool.guards_intact() &&
                 dadv_pool.guards_intact());
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// The chunked form against the double recurrence. Its own error comes from
+// bf16 operands (2^-8 relative each): O takes (q_hat e^G) S (two roundings
+// over sum |q_hat| |S| <= Smax) and P V' (two roundings over
+// sum_j |q_hat_i . k_hat_j| |delta_j|), and V' = T Y carries the roundings of
+// Y, whose (beta k_hat e^G) S part is at most |k_hat|_1 Smax <= 12 Smax; T is
+// taken as of order one (it is I plus a strictly lower part with entries below
+// beta |k_hat_i . k_hat_j|). Hence per output 2^-6 (Smax + sum_j |P_ij|
+// (|delta_j| + 12 Smax)) and per state element 2^-6 sum_j |k_hat_j[k]|
+// (|delta_j[v]| + 12 Smax) per chunk, accumulated over chunks (the recurrence
+// contracts), plus the bf16 rounding of the output.
+struct ChunkBound {
+  std::vector<double> state;  // per element, grows chunk by chunk
+  explicit ChunkBound() : state(16384, 0.0) {}
+};
+
+// Five sequences of 1, 63, 64, 65 and 130 tokens (shorter than, equal to and
+// longer than a chunk), three continuing, over permuted slots; fresh slots hold
+// garbage. Checkpoints: at a sequence's end, at 64, and entries that must not
+// store (0 and 1 and 100, inside chunks; 70 past the end; after a negative).
+TEST(GatedDeltaRule, ChunkedPrefill) {
+  for (int gi : {0, 2}) {
+    const lt::Geo geo = lt::kGeos[gi];
+    if (!quillon::geometry_built(geo.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(geo.id), 0);
+    SCOPED_TRACE(testing::Message() << "geometry " << geo.id);
+    qt::Rng rng(300 + geo.id);
+    const std::vector<int32_t> lens = {1, 63, 64, 65, 130}, has = {1, 0, 1, 0, 1}, slots = {4, 0, 2, 1, 3};
+    const std::vector<int32_t> at = {-1, 5, 5, 63, -1, 9, 64, 70, -1, 1, 65, -1, 0, 64, 100};
+    const std::vector<int32_t> ck_slots = {7, 7, 7, 0, 7, 7, 1, 7, 7, 6, 2, 7, 5, 3, 4};
+    const int64_t head = 16384, kCk = 8, seqs = 5;
+    std::vector<int32_t> cu = {0};
+    for (int32_t l : lens) cu.push_back(cu.back() + l);
+    const int64_t tokens = cu.back();
+    lt::Inputs in = lt::make_inputs(rng, geo, tokens);
+    shape_edges(in);
+    const auto pool = rng.floats((size_t)(seqs * geo.hv * head), -0.5f, 0.5f);
+
+    auto dqkv = qt::DevBuf::from(in.qkv), dba = qt::DevBuf::from(in.ba);
+    auto dalog = qt::DevBuf::from(in.a_log), ddt = qt::DevBuf::from(in.dt_bias);
+    auto dcu = qt::DevBuf::from(cu), dhas = qt::DevBuf::from(has), dslots = qt::DevBuf::from(slots);
+    auto dat = qt::DevBuf::from(at), dck_slots = qt::DevBuf::from(ck_slots), dpool = qt::DevBuf::from(pool);
+    qt::DevBuf dck((size_t)(kCk * geo.hv * head * 4)), dout((size_t)(tokens * geo.hv * 128 * 2));
+    const auto* b = dba.as<uint16_t>();
+    quillon::gated_delta_rule_prefill(dqkv.get(), b, b + geo.hv, 2 * geo.hv, dalog.as<float>(), ddt.as<float>(),
+                                      dcu.as<int32_t>(), dhas.as<int32_t>(), dslots.as<int32_t>(), dpool.as<float>(),
+                                      dat.as<int32_t>(), dck_slots.as<int32_t>(), 3, dck.as<float>(), dout.get(),
+                                      seqs, 130, nullptr);
+    sync_ok();
+    const auto got_out = dout.download<uint16_t>();
+    const auto got_pool = dpool.download<float>(), got_ck = dck.download<float>();
+
+    double worst_o = 0, worst_s = 0;
+    std::vector<bool> ck_written(kCk, false);
+    for (int s = 0; s < seqs; ++s) {
+      for (int h = 0; h < geo.hv; ++h) {
+        std::vector<double> S(head, 0.0), tol(head, 0.0);
+        if (has[s])
+          for (int64_t e = 0; e < head; ++e) S[(size_t)e] = pool[(size_t)((slots[s] * geo.hv + h) * head + e)];
+        auto check_state = [&](const float* got) {
+          for (int64_t e = 0; e < head; ++e) {
+            const double err = std::fabs(got[e] - S[(size_t)e]), bound = tol[(size_t)e] + 1e-6;
+            worst_s = std::max(worst_s, err / bound);
+            ASSERT_LE(err, bound) << "seq " << s << " head " << h << " element " << e;
+          }
+        };
+        for (int64_t c0 = 0; c0 < lens[s]; c0 += 64) {
+          const int n = (int)std::min<int64_t>(64, lens[s] - c0);
+          double smax = 0;
+          for (double x : S) smax = std::max(smax, std::fabs(x));
+          std::vector<double> col_tol(128, 0.0);
+          for (int64_t e = 0; e < head; ++e) col_tol[(size_t)(e % 128)] = std::max(col_tol[(size_t)(e % 128)], tol[(size_t)e]);
+          std::vector<ref::GdrTokenD> toks((size_t)n);
+          for (int i = 0; i < n; ++i) {
+            const int64_t t = cu[s] + c0 + i;
+            ref::GdrTokenD& d = toks[(size_t)i];
+            ref::gdr_step_d(S, in.q(t, h), in.k(t, h), in.v(t, h), in.b(t, h), in.a(t, h), in.a_log[h],
+                            in.dt_bias[h], d);
+            std::vector<double> qk((size_t)(i + 1), 0.0);
+            for (int j = 0; j <= i; ++j)
+              for (int e = 0; e < 128; ++e) qk[(size_t)j] += d.qh[e] * toks[(size_t)j].kh[e];
+            for (int c = 0; c < 128; ++c) {
+              double pv = 0;
+              for (int j = 0; j <= i; ++j) pv += std::fabs(qk[(size_t)j]) * (std::fabs(toks[(size_t)j].delta[c]) + 12 * smax);
+              const double bound = std::ldexp(std::fabs(d.o[c]), -8) + std::ldexp(smax + pv, -6) + col_tol[(size_t)c];
+              const double err = std::fabs(ref::widen(got_out[(size_t)((t * geo.hv + h) * 128 + c)]) - d.o[c]);
+              worst_o = std::max(worst_o, err / bound);
+              ASSERT_LE(err, bound) << "seq " << s << " token " << c0 + i << " head " << h << " col " << c;
+            }
+          }
+          for (int64_t e = 0; e < head; ++e) {
+            double acc = 0;
+            for (int j = 0; j < n; ++j)
+              acc += std::fabs(toks[(size_t)j].kh[e / 128]) * (std::fabs(toks[(size_t)j].delta[e % 128]) + 12 * smax);
+            tol[(size_t)e] += std::ldexp(acc, -6);
+          }
+          for (int k = 0; k < 3; ++k)
+            if (at[s * 3 + k] == c0 + n && std::find(at.begin() + s * 3, at.begin() + s * 3 + k, -1) == at.begin() + s * 3 + k) {
+              const int32_t cs = ck_slots[s * 3 + k];
+              ck_written[(size_t)cs] = true;
+              check_state(&got_ck[(size_t)((cs * geo.hv + h) * head)]);
+            }
+        }
+        check_state(&got_pool[(size_t)((slots[s] * geo.hv + h) * head)]);
+      }
+    }
+    RecordProperty("chunk_out_error_of_bound", std::to_string(worst_o));
+    RecordProperty("chunk_state_error_of_bound", std::to_string(worst_s));
+    for (int64_t cs = 0; cs < kCk; ++cs)
+      if (!ck_written[(size_t)cs])
+        for (int64_t e = 0; e < geo.hv * head; ++e)
+          ASSERT_TRUE(std::isnan(got_ck[(size_t)(cs * geo.hv * head + e)])) << "checkpoint slot " << cs << " was written";
+    EXPECT_EQ(ck_written, std::vector<bool>({true, true, true, true, false, false, false, false}));
+    EXPECT_TRUE(dout.guards_intact() && dpool.guards_intact() && dck.guards_intact());
   }
 }
 

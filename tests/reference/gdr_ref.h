@@ -65,26 +65,34 @@ inline void gdr_step_f(std::vector<float>& S, const uint16_t* q, const uint16_t*
   }
 }
 
+// What one token of the double recurrence saw and gave.
+struct GdrTokenD {
+  double qh[kGdrDim], kh[kGdrDim], delta[kGdrDim], o[kGdrDim], decay;
+};
+
 // The contract in double: gates from the logits and per-layer constants.
 inline void gdr_step_d(std::vector<double>& S, const uint16_t* q, const uint16_t* k, const uint16_t* v, double b,
-                       double a, double a_log, double dt_bias, double* out) {
-  double qh[kGdrDim], kh[kGdrDim], sq = 0, sk = 0;
+                       double a, double a_log, double dt_bias, GdrTokenD& tok) {
+  double* qh = tok.qh;
+  double* kh = tok.kh;
+  double sq = 0, sk = 0;
   for (int i = 0; i < kGdrDim; ++i) sq += (double)widen(q[i]) * widen(q[i]), sk += (double)widen(k[i]) * widen(k[i]);
   for (int i = 0; i < kGdrDim; ++i)
     qh[i] = widen(q[i]) / std::sqrt(sq + 1e-6) / std::sqrt(128.0), kh[i] = widen(k[i]) / std::sqrt(sk + 1e-6);
   const double x = a + dt_bias;
   const double sp = x > 20 ? x : std::log1p(std::exp(x));
   const double decay = std::exp(-std::exp(a_log) * sp), beta = 1 / (1 + std::exp(-b));
+  tok.decay = decay;
   for (double& s : S) s *= decay;
   for (int col = 0; col < kGdrDim; ++col) {
     double m = 0, o = 0;
     for (int i = 0; i < kGdrDim; ++i) m += S[(size_t)(i * kGdrDim + col)] * kh[i];
-    const double delta = beta * (widen(v[col]) - m);
+    const double delta = tok.delta[col] = beta * (widen(v[col]) - m);
     for (int i = 0; i < kGdrDim; ++i) {
       S[(size_t)(i * kGdrDim + col)] += kh[i] * delta;
       o += S[(size_t)(i * kGdrDim + col)] * qh[i];
     }
-    if (out) out[col] = o;
+    tok.o[col] = o;
   }
 }
 

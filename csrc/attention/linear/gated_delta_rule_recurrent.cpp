@@ -3,6 +3,7 @@
 // half t / 128 in registers for the whole step, so the state is read once and
 // written once per row (per-row slots), once per step (advance) or never
 // (read-only).
+#include "../../platform/device.h"
 #include "../../device/geometry.h"
 #include "../../platform/fatal.h"
 #include "../../platform/launch.h"
