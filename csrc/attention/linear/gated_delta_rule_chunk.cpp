@@ -48,9 +48,12 @@ QDEV dev::bf16x16 acc_as_b(const dev::f32x8& acc) {
 QDEV dev::f32x8 zero8() { return dev::f32x8{0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f}; }
 
 struct alignas(16) ChunkLds {
-  uint16_t k[kChunk][128];  // raw keys, then k_hat e^(G_last - G)
+  uint16_t k[kChunk][128];  // raw keys
   uint16_t q[kChunk][128];  // raw queries, then q_hat e^G / sqrt(128)
-  float t[kChunk][kChunk];  // A (strictly lower), then T without its unit diagonal
+  union {
+    float t[kChunk][kChunk];  // A (strictly lower), then T without its unit diagonal
+    uint16_t kdt[128][kChunk];  // once T is spent: (k_hat e^(G_last - G))^T
+  };
   uint16_t p[kChunk][kChunk];
   float inv_q[kChunk], inv_k[kChunk], beta[kChunk], g[kChunk];  // g: -g, then its prefix
   float fkb[kChunk], fq[kChunk], fk[kChunk];
@@ -66,22 +69,36 @@ __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
   constexpr int64_t kHead = (int64_t)DK * DV;
   __shared__ ChunkLds L;
   const int h = (int)blockIdx.x, b = (int)blockIdx.y, kh = h * HK / HV;
-  const int t = (int)threadIdx.x, wave = t / 32, lane = (int)dev::lane_id(), r16 = lane % 16, hi = lane / 16;
-  const int col = wave * 16 + r16;
+  const int t = (int)threadIdx.x, wave = t / 32;
   const int64_t start = cu_seqlens[b], len = cu_seqlens[b + 1] - start;
   if (len <= 0) return;
   const int64_t slot = slots ? slots[b] : b;
 
   dev::f32x8 S[8];
-  const bool cont = has_state && has_state[b] != 0;
-  for (int r = 0; r < 8; ++r)
-    for (int i = 0; i < 8; ++i)
-      S[r][i] = cont ? state[(slot * HV + h) * kHead + (int64_t)(16 * r + 2 * i + hi) * DV + col] : 0.0f;
+  {
+    const int lane = (int)dev::lane_id();
+    const float* src = state + (slot * HV + h) * kHead + (lane / 16) * DV + wave * 16 + lane % 16;
+    if (has_state && has_state[b] != 0) {
+#pragma unroll
+      for (int r = 0; r < 8; ++r)
+        for (int i = 0; i < 8; ++i) S[r][i] = src[(16 * r + 2 * i) * DV];
+    } else {
+#pragma unroll
+      for (int r = 0; r < 8; ++r) S[r] = zero8();
+    }
+  }
   const float ea = dev::exp(a_log[h]), dtb = dt_bias[h];
   int64_t ck = 0;
 
   for (int64_t c0 = 0; c0 < len; c0 += kChunk) {
     const int n = len - c0 < kChunk ? (int)(len - c0) : kChunk;
+    // Lane-derived offsets are recomputed per chunk: hoisted out of the loop
+    // they would outlive it in registers beside the state.
+    int lane = (int)dev::lane_id();
+#if defined(QUILLON_FLAVOUR_HIP)
+    asm volatile("" : "+v"(lane));
+#endif
+    const int r16 = lane % 16, hi = lane / 16, col = wave * 16 + r16;
     // 1. Raw rows into LDS, norms and gates: four threads per row. Rows past
     //    the end repeat the last token with beta and g zero.
     {
@@ -128,10 +145,12 @@ __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
     //    row tile w / 2 and two column tiles; tiles above the diagonal are zero.
     {
       const int ti = wave / 2;
+#pragma unroll
       for (int u = 0; u < 2; ++u) {
         const int tj = 2 * (wave % 2) + u;
         dev::f32x8 kk = zero8(), qk = zero8();
         if (tj <= ti) {
+#pragma unroll
           for (int s = 0; s < 8; ++s) {
             const dev::bf16x16 kb = frag16(&L.k[16 * tj + r16][16 * s]);
             kk = dev::wmma_bf16(frag16(&L.k[16 * ti + r16][16 * s]), kb, kk);
@@ -190,72 +209,78 @@ __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
     __syncthreads();
     // 4. Y = beta val - (beta k_hat e^G) S for this wave's columns, then V' = T Y.
     dev::f32x8 V[4];
-    for (int ti = 0; ti < 4; ++ti)
-      for (int e = 0; e < 8; ++e) {
-        const int i = 16 * ti + 2 * e + hi;
-        const int64_t tok = start + c0 + (i < n ? i : n - 1);
-        V[ti][e] = L.beta[i] * bf_at(qkv + tok * CONV + 2 * HK * DK + h * DV + col);
-      }
+    {
+      const uint16_t* vrow = qkv + (start + c0 + hi) * CONV + 2 * HK * DK + h * DV + col;
+#pragma unroll
+      for (int ti = 0; ti < 4; ++ti)
+        for (int e = 0; e < 8; ++e) {
+          const int i = 16 * ti + 2 * e + hi;  // beta is 0 past the end
+          V[ti][e] = i < n ? L.beta[i] * bf_at(vrow + (16 * ti + 2 * e) * CONV) : 0.0f;
+        }
+    }
+#pragma unroll
     for (int s = 0; s < 8; ++s) {
       const dev::bf16x16 sb = acc_as_b(S[s]);
+#pragma unroll
       for (int ti = 0; ti < 4; ++ti) {
         const int i = 16 * ti + r16;
         const float f = L.fkb[i];
         dev::bf16x16 a;
-        for (int e = 0; e < 16; ++e) a[e] = (short)bf_bits(-(bf_at(&L.k[i][16 * s + e]) * f));
+        const dev::bf16x16 raw = frag16(&L.k[i][16 * s]);
+        for (int e = 0; e < 16; ++e) a[e] = (short)bf_bits(-(num::bf16_to_float((uint16_t)raw[e]) * f));
         V[ti] = dev::wmma_bf16(a, sb, V[ti]);
       }
     }
     {
       dev::bf16x16 yb[4];
+#pragma unroll
       for (int tj = 0; tj < 4; ++tj) yb[tj] = acc_as_b(V[tj]);
+#pragma unroll
       for (int ti = 0; ti < 4; ++ti) {
         V[ti] = zero8();
+#pragma unroll
         for (int tj = 0; tj <= ti; ++tj) {
+          // L.t is zero on and above the diagonal.
           dev::bf16x16 a;
-          for (int e = 0; e < 16; ++e) {
-            const int i = 16 * ti + r16, j = 16 * tj + e;
-            a[e] = (short)bf_bits(j < i ? L.t[i][j] : j == i ? 1.0f : 0.0f);
-          }
+          const int i = 16 * ti + r16;
+          for (int e = 0; e < 16; ++e) a[e] = (short)bf_bits(L.t[i][16 * tj + e] + (16 * tj + e == i ? 1.0f : 0.0f));
           V[ti] = dev::wmma_bf16(a, yb[tj], V[ti]);
         }
       }
     }
     __syncthreads();
-    // 5. Scaled operands in place: q_hat e^G and k_hat e^(G_last - G).
+    // 5. Scaled operands: q_hat e^G in place, k_hat e^(G_last - G) transposed
+    //    over the spent T, so both are read as 16-element rows.
     for (int e = t; e < kChunk * 128; e += kChunkThreads) {
       const int i = e / 128, c = e % 128;
       L.q[i][c] = bf_bits(bf_at(&L.q[i][c]) * L.fq[i]);
-      L.k[i][c] = bf_bits(bf_at(&L.k[i][c]) * L.fk[i]);
+      L.kdt[c][i] = bf_bits(bf_at(&L.k[i][c]) * L.fk[i]);
     }
     __syncthreads();
     dev::bf16x16 vb[4];
+#pragma unroll
     for (int tj = 0; tj < 4; ++tj) vb[tj] = acc_as_b(V[tj]);
-    // 6. Outputs of the live rows from the state at the chunk's start.
-    {
-      dev::f32x8 O[4] = {zero8(), zero8(), zero8(), zero8()};
-      for (int s = 0; s < 8; ++s) {
-        const dev::bf16x16 sb = acc_as_b(S[s]);
-        for (int ti = 0; ti < 4; ++ti) O[ti] = dev::wmma_bf16(frag16(&L.q[16 * ti + r16][16 * s]), sb, O[ti]);
-      }
-      for (int ti = 0; ti < 4; ++ti) {
-        for (int tj = 0; tj <= ti; ++tj) O[ti] = dev::wmma_bf16(frag16(&L.p[16 * ti + r16][16 * tj]), vb[tj], O[ti]);
-        for (int e = 0; e < 8; ++e) {
-          const int i = 16 * ti + 2 * e + hi;
-          if (i < n) out[(start + c0 + i) * HVDV + h * DV + col] = bf_bits(O[ti][e]);
-        }
-      }
+    // 6. Outputs of the live rows from the state at the chunk's start, one row
+    //    tile at a time so that only one output tile is live beside the state.
+#pragma unroll
+    for (int ti = 0; ti < 4; ++ti) {
+      dev::f32x8 o = zero8();
+#pragma unroll
+      for (int s = 0; s < 8; ++s) o = dev::wmma_bf16(frag16(&L.q[16 * ti + r16][16 * s]), acc_as_b(S[s]), o);
+#pragma unroll
+      for (int tj = 0; tj <= ti; ++tj) o = dev::wmma_bf16(frag16(&L.p[16 * ti + r16][16 * tj]), vb[tj], o);
+      uint16_t* orow = out + (start + c0 + hi) * HVDV + h * DV + col;
+      for (int e = 0; e < 8; ++e)
+        if (16 * ti + 2 * e + hi < n) orow[(16 * ti + 2 * e) * HVDV] = bf_bits(o[e]);
     }
     // 7. State update: decay the fp32 accumulators, then add Kd^T V'.
     {
       const float d = dev::exp2(g_last * kLog2e);
+#pragma unroll
       for (int r = 0; r < 8; ++r) {
         for (int e = 0; e < 8; ++e) S[r][e] = d * S[r][e];
-        for (int tj = 0; tj < 4; ++tj) {
-          dev::bf16x16 a;
-          for (int e = 0; e < 16; ++e) a[e] = (short)L.k[16 * tj + e][16 * r + r16];
-          S[r] = dev::wmma_bf16(a, vb[tj], S[r]);
-        }
+#pragma unroll
+        for (int tj = 0; tj < 4; ++tj) S[r] = dev::wmma_bf16(frag16(&L.kdt[16 * r + r16][16 * tj]), vb[tj], S[r]);
       }
     }
     // 8. Checkpoints that fall on this chunk's end; the list is ascending and
@@ -269,17 +294,20 @@ __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
       }
       if (at > done) break;
       if (at == done) {
-        float* dst = ckpt_state + ((int64_t)ckpt_slots[(int64_t)b * ckpt_max + ck] * HV + h) * kHead;
+        float* dst = ckpt_state + ((int64_t)ckpt_slots[(int64_t)b * ckpt_max + ck] * HV + h) * kHead + hi * DV + col;
+#pragma unroll
         for (int r = 0; r < 8; ++r)
-          for (int e = 0; e < 8; ++e) dst[(int64_t)(16 * r + 2 * e + hi) * DV + col] = S[r][e];
+          for (int e = 0; e < 8; ++e) dst[(16 * r + 2 * e) * DV] = S[r][e];
       }
       ++ck;
     }
     __syncthreads();
   }
-  float* dst = state + (slot * HV + h) * kHead;
+  const int lane = (int)dev::lane_id();
+  float* dst = state + (slot * HV + h) * kHead + (lane / 16) * DV + wave * 16 + lane % 16;
+#pragma unroll
   for (int r = 0; r < 8; ++r)
-    for (int e = 0; e < 8; ++e) dst[(int64_t)(16 * r + 2 * e + hi) * DV + col] = S[r][e];
+    for (int e = 0; e < 8; ++e) dst[(16 * r + 2 * e) * DV] = S[r][e];
 }
 
 }  // namespace gdr
