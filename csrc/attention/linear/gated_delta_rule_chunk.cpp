@@ -60,6 +60,31 @@ struct alignas(16) ChunkLds {
 };
 static_assert(sizeof(ChunkLds) <= 59392, "the chunk's local memory");
 
+// One product into the coupling block (rows 32..63, columns 0..31) in place:
+// A21 T11 when T11_RIGHT, else T22 times the block. Every thread forms its 4
+// elements from the old block before any is stored.
+template <bool T11_RIGHT>
+QDEV void coupling_product(ChunkLds& L, int t) {
+  float x[4];
+#pragma unroll
+  for (int e = 0; e < 4; ++e) {
+    const int idx = t + e * kChunkThreads, i = kHalf + idx / kHalf, j = idx % kHalf;
+    float s = L.t[i][j];
+    if (T11_RIGHT) {
+      for (int m = j + 1; m < kHalf; ++m) s = __builtin_fmaf(L.t[i][m], L.t[m][j], s);
+    } else {
+      for (int l = kHalf; l < i; ++l) s = __builtin_fmaf(L.t[i][l], L.t[l][j], s);
+    }
+    x[e] = s;
+  }
+  __syncthreads();
+#pragma unroll
+  for (int e = 0; e < 4; ++e) {
+    const int idx = t + e * kChunkThreads;
+    L.t[kHalf + idx / kHalf][idx % kHalf] = x[e];
+  }
+}
+
 template <int HV, int HK, int DK, int DV, int CONV, int HVDV>
 __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
     const uint16_t* qkv, const uint16_t* bl, const uint16_t* al, int64_t ba_stride, const float* a_log,
@@ -180,32 +205,9 @@ __global__ __launch_bounds__(kChunkThreads) void gdr_prefill_kernel(
       }
     }
     __syncthreads();
-    {
-      float x[4];
-      for (int e = 0; e < 4; ++e) {  // A21 T11
-        const int idx = t + e * kChunkThreads, i = kHalf + idx / kHalf, j = idx % kHalf;
-        float s = L.t[i][j];
-        for (int m = j + 1; m < kHalf; ++m) s = __builtin_fmaf(L.t[i][m], L.t[m][j], s);
-        x[e] = s;
-      }
-      __syncthreads();
-      for (int e = 0; e < 4; ++e) {
-        const int idx = t + e * kChunkThreads;
-        L.t[kHalf + idx / kHalf][idx % kHalf] = x[e];
-      }
-      __syncthreads();
-      for (int e = 0; e < 4; ++e) {  // T22 (A21 T11)
-        const int idx = t + e * kChunkThreads, i = kHalf + idx / kHalf, j = idx % kHalf;
-        float s = L.t[i][j];
-        for (int l = kHalf; l < i; ++l) s = __builtin_fmaf(L.t[i][l], L.t[l][j], s);
-        x[e] = s;
-      }
-      __syncthreads();
-      for (int e = 0; e < 4; ++e) {
-        const int idx = t + e * kChunkThreads;
-        L.t[kHalf + idx / kHalf][idx % kHalf] = x[e];
-      }
-    }
+    coupling_product<true>(L, t);
+    __syncthreads();
+    coupling_product<false>(L, t);
     __syncthreads();
     // 4. Y = beta val - (beta k_hat e^G) S for this wave's columns, then V' = T Y.
     dev::f32x8 V[4];
