@@ -14,6 +14,7 @@
 #include "../gemm/kquant_shuffle.h"
 #include "../gemm/gemm_entries.h"
 #include "../io/file_read.h"
+#include "../attention/linear/linear_attn.h"
 
 using namespace quillon;
 
@@ -272,6 +273,23 @@ QUILLON_API int64_t quillon_lm_head_kquant_gguf_bytes(int32_t format) { return l
 QUILLON_API hipError_t quillon_lm_head_kquant(int32_t format, const void* x, const void* quant, const void* meta,
                                               float* logits, int64_t M, void* scratch, hipStream_t stream) {
   lm_head_kquant(format, x, quant, meta, logits, M, scratch, stream);
+  return hipGetLastError();
+}
+
+/* ---- gated delta rule ---- */
+QUILLON_API hipError_t quillon_gated_delta_rule_decode_readonly(const void* qkv, const void* b, const void* a,
+                                                                int64_t ba_stride, const float* a_log,
+                                                                const float* dt_bias, const int32_t* slots,
+                                                                const float* state, void* out, int64_t num_seqs,
+                                                                int64_t rows, hipStream_t stream) {
+  gated_delta_rule_decode_readonly(qkv, b, a, ba_stride, a_log, dt_bias, slots, state, out, num_seqs, rows, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_gated_delta_rule_advance(const void* qkv, const void* b, const void* a,
+                                                        int64_t ba_stride, const float* a_log, const float* dt_bias,
+                                                        const int32_t* slots, const int32_t* accepted, float* state,
+                                                        int64_t num_seqs, int64_t rows, hipStream_t stream) {
+  gated_delta_rule_advance(qkv, b, a, ba_stride, a_log, dt_bias, slots, accepted, state, num_seqs, rows, stream);
   return hipGetLastError();
 }
 

@@ -164,6 +164,22 @@ QUILLON_API int64_t quillon_lm_head_kquant_gguf_bytes(int32_t format);
 QUILLON_API hipError_t quillon_lm_head_kquant(int32_t format, const void* x, const void* quant, const void* meta,
                                               float* logits, int64_t M, void* scratch, hipStream_t stream);
 
+/* ---- gated delta rule (linear attention) ---- */
+/* qkv: dense conv-output rows (stride = conv channels); b, a: one bf16 logit
+ * per value head, row stride ba_stride; state: fp32 [slot][HV][128][128].
+ * Sequence b's row r is token b*rows + r; slot = slots ? slots[b] : b. The
+ * read-only decode writes only out; the advance replays accepted[b] rows (all
+ * when accepted is null) and stores the state once. */
+QUILLON_API hipError_t quillon_gated_delta_rule_decode_readonly(const void* qkv, const void* b, const void* a,
+                                                                int64_t ba_stride, const float* a_log,
+                                                                const float* dt_bias, const int32_t* slots,
+                                                                const float* state, void* out, int64_t num_seqs,
+                                                                int64_t rows, hipStream_t stream);
+QUILLON_API hipError_t quillon_gated_delta_rule_advance(const void* qkv, const void* b, const void* a,
+                                                        int64_t ba_stride, const float* a_log, const float* dt_bias,
+                                                        const int32_t* slots, const int32_t* accepted, float* state,
+                                                        int64_t num_seqs, int64_t rows, hipStream_t stream);
+
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
                                                 const float* temperature, hipStream_t stream);
