@@ -128,7 +128,9 @@ void moe_shuffle_gate_up_fused(const void* src, void* dst, int64_t n, hipStream_
            KQuantGateUpFusedSrc{bytes(src), H * 2, (int64_t)H * 2 * 2 * I, 0, I}, bytes(dst));
   });
 }
-void moe_shuffle_down(const void* src, void* dst, int64_t n, hipStream_t s) { shuffle_down<dev::u32x4>(src, dst, n, s); }
+void moe_shuffle_down(const void* src, void* dst, int64_t n, hipStream_t s) {
+  shuffle_down<dev::u32x4>(src, dst, n, s);
+}
 void moe_shuffle_gate_up_fp8(const void* gate, const void* up, void* dst, int64_t n, hipStream_t s) {
   shuffle_gate_up_split<dev::u32x2>(gate, up, dst, n, s);
 }
@@ -158,27 +160,24 @@ void moe_scale_shuffle_down_fp8(const void* src, void* dst, int64_t n, hipStream
 // ---- k-quant planes ----------------------------------------------------------------------
 // Sizes: n matrices of codes back to back and 4 bytes of slack at the end;
 // meta planes back to back.
-int64_t moe_kquant_quant_bytes(int role, int32_t format, int64_t n) {
+template <class F>
+static int64_t kquant_role_bytes(int role, int32_t format, F&& of_format) {
   kq::require_format_id(QUILLON_HERE, format);
   int64_t r = 0;
   on_expert_shape([&](auto h, auto i) {
     const RoleShape rs = role_shape(role, decltype(h)::value, decltype(i)::value);
-    kq::on_kquant<kq::GeneralGemm>(QUILLON_HERE, format, [&](auto f) {
-      r = n * (rs.R * rs.K * kq::format_info(f).bits / 8) + 4;
-    });
+    kq::on_kquant<kq::GeneralGemm>(QUILLON_HERE, format, [&](auto f) { r = of_format(rs, kq::format_info(f)); });
   });
   return r;
 }
+int64_t moe_kquant_quant_bytes(int role, int32_t format, int64_t n) {
+  return kquant_role_bytes(role, format,
+                           [&](RoleShape rs, kq::FormatInfo f) { return n * (rs.R * rs.K * f.bits / 8) + 4; });
+}
 int64_t moe_kquant_meta_bytes(int role, int32_t format, int64_t n) {
-  kq::require_format_id(QUILLON_HERE, format);
-  int64_t r = 0;
-  on_expert_shape([&](auto h, auto i) {
-    const RoleShape rs = role_shape(role, decltype(h)::value, decltype(i)::value);
-    kq::on_kquant<kq::GeneralGemm>(QUILLON_HERE, format, [&](auto f) {
-      r = n * ((rs.R + 31) / 32 * ((rs.K + 255) / 256) * kq::format_info(f).meta_tile_bytes);
-    });
+  return kquant_role_bytes(role, format, [&](RoleShape rs, kq::FormatInfo f) {
+    return n * ((rs.R + 31) / 32 * ((rs.K + 255) / 256) * f.meta_tile_bytes);
   });
-  return r;
 }
 
 template <class MAKE_SRC>

@@ -185,7 +185,8 @@ __global__ __launch_bounds__(THREADS) void moe_scatter_reduce_kernel(const uint1
     }
   }
   dev::u32x4 o;
-  for (int j = 0; j < 4; ++j) o[j] = (uint32_t)num::bf16_rne(acc[2 * j]) | ((uint32_t)num::bf16_rne(acc[2 * j + 1]) << 16);
+  for (int j = 0; j < 4; ++j)
+    o[j] = (uint32_t)num::bf16_rne(acc[2 * j]) | ((uint32_t)num::bf16_rne(acc[2 * j + 1]) << 16);
   *reinterpret_cast<dev::u32x4*>(out + t * H + col) = o;
 }
 

@@ -84,7 +84,8 @@ template <int H, int ROWS, int THREADS>
 QDEV void stage_rows(dev::u32x4* lds, const uint16_t* hidden, int64_t first, int64_t M) {
   for (uint32_t i = threadIdx.x; i < ROWS * H / 8; i += THREADS) {
     const int64_t row = first + i / (H / 8);
-    lds[i] = row < M ? *reinterpret_cast<const dev::u32x4*>(hidden + row * H + (i % (H / 8)) * 8) : dev::u32x4{0, 0, 0, 0};
+    const auto* src = reinterpret_cast<const dev::u32x4*>(hidden + row * H + (i % (H / 8)) * 8);
+    lds[i] = row < M ? *src : dev::u32x4{0, 0, 0, 0};
   }
 }
 
@@ -285,7 +286,8 @@ __global__ __launch_bounds__(THREADS) void moe_tid2eid_router_kernel(const uint1
 namespace {
 template <class F>
 void on_moe_geometry(F&& f) {
-  on_geometry<Qwen36MoeA3B, DeepSeekV4Flash, Qwen38FlashNext>(QUILLON_HERE, [&](auto g) { f(RouterTraits<decltype(g)>{}); });
+  on_geometry<Qwen36MoeA3B, DeepSeekV4Flash, Qwen38FlashNext>(QUILLON_HERE,
+                                                              [&](auto g) { f(RouterTraits<decltype(g)>{}); });
 }
 }  // namespace
 

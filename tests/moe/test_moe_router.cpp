@@ -59,7 +59,8 @@ struct Router {
   std::vector<float> gates(const std::vector<uint16_t>& hidden, int64_t M) const {
     std::vector<float> r;
     if (g.gate)
-      for (int64_t t = 0; t < M; ++t) r.push_back(ref::sigmoid(ref::dot_row(&hidden[(size_t)(t * g.H)], gate_row.data(), g.H)));
+      for (int64_t t = 0; t < M; ++t)
+        r.push_back(ref::sigmoid(ref::dot_row(&hidden[(size_t)(t * g.H)], gate_row.data(), g.H)));
     return r;
   }
 };
@@ -167,7 +168,8 @@ TEST_F(MoeRouter, TiesNanAndBias) {
         for (int64_t e = 0; e < g.E; ++e) bias.push_back(c.bias ? c.bias(e) : 0.0f);
       Router r(g, rows, gate_row, bias);
       const Out got = score_route(r, hidden, 1);
-      const ref::Routed want = ref::topk(r.logits(hidden, 1), r.bias, 1, g.E, g.K, g.scoring, g.scale, r.gates(hidden, 1));
+      const ref::Routed want =
+          ref::topk(r.logits(hidden, 1), r.bias, 1, g.E, g.K, g.scoring, g.scale, r.gates(hidden, 1));
       expect_routed(got, want, 2e-6f);
       for (int64_t k = 0; k < g.K; ++k) EXPECT_FALSE(std::isnan(got.w[(size_t)k]));
     }
@@ -185,6 +187,12 @@ TEST_F(MoeRouter, TiesNanAndBias) {
   EXPECT_EQ(got.ids[2], 0);
   EXPECT_EQ(got.ids[8], 256);
   EXPECT_EQ(got.w[8], 0.5f);  // sigmoid of a zero gate dot
+  // A row of NaN logits still names K distinct real experts, lowest first.
+  for (int64_t e = 0; e < 256; ++e) rows[(size_t)(e * 2048)] = 0x7fc0;
+  Router nan_router(kRGeos[0], rows, std::vector<uint16_t>(2048, 0), {});
+  const Out all_nan = score_route(nan_router, hidden, 1);
+  for (int k = 0; k < 8; ++k) EXPECT_EQ(all_nan.ids[(size_t)k], k);
+  EXPECT_EQ(all_nan.ids[8], 256);
 }
 
 TEST_F(MoeRouter, TableRoutingMatchesReference) {

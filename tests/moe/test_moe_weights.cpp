@@ -104,7 +104,8 @@ void check_kquant(const WGeo& g, int id, int64_t n, bool down) {
   ASSERT_EQ(mb, (int64_t)want_m.size());
   DevBuf d_a = DevBuf::from(a), d_b = DevBuf::from(b), q(qb), m(mb);
   if (down) ASSERT_EQ(quillon_moe_kquant_shuffle_down(id, d_a.get(), q.get(), m.get(), n, nullptr), hipSuccess);
-  else ASSERT_EQ(quillon_moe_kquant_shuffle_gate_up(id, d_a.get(), d_b.get(), q.get(), m.get(), n, nullptr), hipSuccess);
+  else
+    ASSERT_EQ(quillon_moe_kquant_shuffle_gate_up(id, d_a.get(), d_b.get(), q.get(), m.get(), n, nullptr), hipSuccess);
   ASSERT_EQ(hipDeviceSynchronize(), hipSuccess);
   EXPECT_BITS_EQ(q.download<uint8_t>(), want_q);
   std::vector<uint8_t> got_m = m.download<uint8_t>();
@@ -154,9 +155,10 @@ void check_lowbit(const WGeo& g, int q, int64_t n, int form) {
   DevBuf d_a = DevBuf::from(form == 1 ? ref::fuse_gate_up(a, b, n, g.I, row_bytes) : a), d_b = DevBuf::from(b);
   DevBuf p0(sizes[0]), p1(sizes[1]), p2(sizes[2] ? sizes[2] : 1);
   void* pp2 = sizes[2] ? p2.get() : nullptr;
-  hipError_t e = form == 0   ? quillon_moe_lowbit_shuffle_gate_up(q, d_a.get(), d_b.get(), p0.get(), p1.get(), pp2, n, nullptr)
-                 : form == 1 ? quillon_moe_lowbit_shuffle_gate_up_fused(q, d_a.get(), p0.get(), p1.get(), pp2, n, nullptr)
-                             : quillon_moe_lowbit_shuffle_down(q, d_a.get(), p0.get(), p1.get(), pp2, n, nullptr);
+  void* s0 = d_a.get();
+  const hipError_t e = form == 0 ? quillon_moe_lowbit_shuffle_gate_up(q, s0, d_b.get(), p0.get(), p1.get(), pp2, n, nullptr)
+                       : form == 1 ? quillon_moe_lowbit_shuffle_gate_up_fused(q, s0, p0.get(), p1.get(), pp2, n, nullptr)
+                                   : quillon_moe_lowbit_shuffle_down(q, s0, p0.get(), p1.get(), pp2, n, nullptr);
   ASSERT_EQ(e, hipSuccess);
   ASSERT_EQ(hipDeviceSynchronize(), hipSuccess);
   EXPECT_BITS_EQ(p0.download<uint8_t>(), want.p0);
@@ -185,7 +187,8 @@ TEST(MoeWeights, SizesAtExpertCounts) {
     ASSERT_EQ(quillon_select_geometry(g.id), 0);
     for (int64_t n : {int64_t(1), g.E, g.E + 1}) {
       for (int id : ref::kKquantIds) {
-        const int64_t gq = quillon_kquant_quant_bytes(id, 2 * g.I, g.H) - 4, dq = quillon_kquant_quant_bytes(id, g.H, g.I) - 4;
+        const int64_t gq = quillon_kquant_quant_bytes(id, 2 * g.I, g.H) - 4;
+        const int64_t dq = quillon_kquant_quant_bytes(id, g.H, g.I) - 4;
         EXPECT_EQ(quillon_moe_kquant_gate_up_quant_bytes(id, n), n * gq + 4);
         EXPECT_EQ(quillon_moe_kquant_down_quant_bytes(id, n), n * dq + 4);
         EXPECT_EQ(quillon_moe_kquant_gate_up_meta_bytes(id, n), n * quillon_kquant_meta_bytes(id, 2 * g.I, g.H));

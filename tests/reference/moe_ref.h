@@ -19,7 +19,8 @@ inline MoeSortRef moe_sort_layout(const std::vector<int32_t>& ids, int64_t E_tot
   r.count.assign((size_t)E_tot, 0);
   for (int32_t e : ids) ++r.count[(size_t)e];
   r.offset.assign((size_t)E_tot + 1, 0);
-  for (int64_t e = 0; e < E_tot; ++e) r.offset[(size_t)e + 1] = r.offset[(size_t)e] + (r.count[(size_t)e] + T - 1) / T * T;
+  for (int64_t e = 0; e < E_tot; ++e)
+    r.offset[(size_t)e + 1] = r.offset[(size_t)e] + (r.count[(size_t)e] + T - 1) / T * T;
   r.tiles = (int32_t)(r.offset[(size_t)E_tot] / T);
   r.routed_tiles = (int32_t)(r.offset[(size_t)E_tot - 1] / T);
   for (int64_t e = 0; e < E_tot; ++e)

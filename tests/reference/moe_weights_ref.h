@@ -52,7 +52,8 @@ inline std::vector<uint16_t> gate_up_scales(const std::vector<uint16_t>& g, cons
     for (int64_t j = 0; j < kb; ++j)
       for (int64_t t = 0; t < 2 * nb; ++t)
         for (int p = 0; p < 2; ++p)
-          out[(size_t)(e * 4 * nb * kb + (j * 2 * nb + t) * 2 + p)] = (p ? u : g)[(size_t)(e * nb * kb + (t / 2) * kb + j)];
+          out[(size_t)(e * 4 * nb * kb + (j * 2 * nb + t) * 2 + p)] =
+              (p ? u : g)[(size_t)(e * nb * kb + (t / 2) * kb + j)];
   return out;
 }
 inline std::vector<uint16_t> down_scales(const std::vector<uint16_t>& s, int64_t n, int64_t nb, int64_t kb) {
