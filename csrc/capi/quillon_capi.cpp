@@ -15,6 +15,8 @@
 #include "../gemm/gemm_entries.h"
 #include "../io/file_read.h"
 #include "../attention/linear/linear_attn.h"
+#include "../moe/router.h"
+#include "../gemm/moe_shuffle_weights_v2.h"
 
 using namespace quillon;
 
@@ -329,6 +331,111 @@ QUILLON_API void quillon_file_reader_destroy(QuillonFileReader* reader) {
 QUILLON_API hipError_t quillon_file_reader_read(QuillonFileReader* reader, const char* path, int64_t offset,
                                                 int64_t bytes, void* dst, hipStream_t stream) {
   return file_reader_read(reinterpret_cast<FileReader*>(reader), path, offset, bytes, dst, stream);
+}
+
+/* ---- MoE router ---- */
+QUILLON_API int64_t quillon_moe_shuffle_router_bytes(void) { return moe_shuffle_router_bytes(); }
+QUILLON_API hipError_t quillon_moe_shuffle_router(const void* src, const float* bias, void* dst,
+                                                  hipStream_t stream) {
+  moe_shuffle_router(src, bias, dst, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_moe_router_shuffle_bytes(int64_t M) { return moe_router_shuffle_bytes(M); }
+QUILLON_API hipError_t quillon_moe_router_tid2eid(const void* hidden, const void* router_w, const int64_t* token_ids,
+                                                  const int32_t* tid2eid, float* weights, int32_t* ids,
+                                                  void* hidden_shuffled, int64_t M, hipStream_t stream) {
+  moe_router_tid2eid(hidden, router_w, token_ids, tid2eid, weights, ids, hidden_shuffled, M, stream);
+  return hipGetLastError();
+}
+
+/* ---- MoE expert weight forms ---- */
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up(const void* gate, const void* up, void* dst, int64_t n,
+                                                   hipStream_t stream) {
+  moe_shuffle_gate_up(gate, up, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up_fused(const void* src, void* dst, int64_t n, hipStream_t stream) {
+  moe_shuffle_gate_up_fused(src, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_shuffle_down(const void* src, void* dst, int64_t n, hipStream_t stream) {
+  moe_shuffle_down(src, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up_fp8(const void* gate, const void* up, void* dst, int64_t n,
+                                                       hipStream_t stream) {
+  moe_shuffle_gate_up_fp8(gate, up, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_shuffle_down_fp8(const void* src, void* dst, int64_t n, hipStream_t stream) {
+  moe_shuffle_down_fp8(src, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_scale_shuffle_gate_up_fp8(const void* gate_scales, const void* up_scales,
+                                                             void* dst, int64_t n, hipStream_t stream) {
+  moe_scale_shuffle_gate_up_fp8(gate_scales, up_scales, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_scale_shuffle_down_fp8(const void* src, void* dst, int64_t n, hipStream_t stream) {
+  moe_scale_shuffle_down_fp8(src, dst, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_moe_kquant_gate_up_quant_bytes(int32_t format, int64_t n) {
+  return moe_kquant_quant_bytes(0, format, n);
+}
+QUILLON_API int64_t quillon_moe_kquant_gate_up_meta_bytes(int32_t format, int64_t n) {
+  return moe_kquant_meta_bytes(0, format, n);
+}
+QUILLON_API int64_t quillon_moe_kquant_down_quant_bytes(int32_t format, int64_t n) {
+  return moe_kquant_quant_bytes(1, format, n);
+}
+QUILLON_API int64_t quillon_moe_kquant_down_meta_bytes(int32_t format, int64_t n) {
+  return moe_kquant_meta_bytes(1, format, n);
+}
+QUILLON_API hipError_t quillon_moe_kquant_shuffle_gate_up(int32_t format, const void* gate, const void* up,
+                                                          void* quant, void* meta, int64_t n, hipStream_t stream) {
+  moe_kquant_shuffle_gate_up(format, gate, up, quant, meta, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_kquant_shuffle_down(int32_t format, const void* src, void* quant, void* meta,
+                                                       int64_t n, hipStream_t stream) {
+  moe_kquant_shuffle_down(format, src, quant, meta, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p0_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(0, format, 0, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p1_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(0, format, 1, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p2_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(0, format, 2, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_down_p0_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(1, format, 0, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_down_p1_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(1, format, 1, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_down_p2_bytes(int32_t format, int64_t n) {
+  return moe_lowbit_plane_bytes(1, format, 2, n);
+}
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_stride(int64_t n) { return moe_lowbit_stride(0, n); }
+QUILLON_API int64_t quillon_moe_lowbit_down_stride(int64_t n) { return moe_lowbit_stride(1, n); }
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up(int32_t format, const void* gate, const void* up, void* p0,
+                                                          void* p1, void* p2, int64_t n, hipStream_t stream) {
+  moe_lowbit_shuffle_gate_up(format, gate, up, p0, p1, p2, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up_fused(int32_t format, const void* src, void* p0, void* p1,
+                                                                void* p2, int64_t n, hipStream_t stream) {
+  moe_lowbit_shuffle_gate_up_fused(format, src, p0, p1, p2, n, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_down(int32_t format, const void* src, void* p0, void* p1, void* p2,
+                                                       int64_t n, hipStream_t stream) {
+  moe_lowbit_shuffle_down(format, src, p0, p1, p2, n, stream);
+  return hipGetLastError();
 }
 
 }  // extern "C"

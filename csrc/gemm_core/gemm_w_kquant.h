@@ -214,6 +214,30 @@ struct KQuantDenseSrc {
   QDEV const uint8_t* row(int64_t z, int64_t n) const { return base + z * matrix_bytes + n * row_bytes; }
 };
 
+// Gate-up rows of the MoE, interleaved: row 2i is gate row i, row 2i + 1 up
+// row i. Split: two tensors of I rows per expert. Fused: one tensor per
+// expert, its I gate rows first.
+struct KQuantGateUpSplitSrc {
+  const uint8_t* gate;
+  const uint8_t* up;
+  int64_t row_bytes;
+  int64_t expert_bytes;  // row bytes times I
+  int64_t block_bytes;
+  QDEV const uint8_t* row(int64_t z, int64_t n) const {
+    return (n % 2 ? up : gate) + z * expert_bytes + (n / 2) * row_bytes;
+  }
+};
+struct KQuantGateUpFusedSrc {
+  const uint8_t* base;
+  int64_t row_bytes;
+  int64_t expert_bytes;  // row bytes times 2I
+  int64_t block_bytes;
+  int64_t I;
+  QDEV const uint8_t* row(int64_t z, int64_t n) const {
+    return base + z * expert_bytes + (n / 2 + (n % 2) * I) * row_bytes;
+  }
+};
+
 // One thread per (row n, super-block s); blockIdx.y is the matrix.
 template <int F, class SRC>
 __global__ __launch_bounds__(256) void kquant_shuffle_kernel(SRC src, uint32_t* quant, uint8_t* meta, int64_t N,

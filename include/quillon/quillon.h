@@ -208,6 +208,61 @@ QUILLON_API void quillon_file_reader_destroy(QuillonFileReader* reader);
 QUILLON_API hipError_t quillon_file_reader_read(QuillonFileReader* reader, const char* path, int64_t offset,
                                                 int64_t bytes, void* dst, hipStream_t stream);
 
+/* ---- MoE router ---- */
+/* The router blob (routing matrix [E, hidden] in 128 x 64 block panels, then
+ * the shared-expert gate row, or geometry 2's fp32 selection bias) and the
+ * routing table: weights fp32 and ids int32 [M, top_k_total], the shared
+ * expert (id E) in the last slot. hidden_shuffled is sized by
+ * quillon_moe_router_shuffle_bytes (0 bytes where the variant at M does not
+ * shuffle). */
+QUILLON_API int64_t quillon_moe_shuffle_router_bytes(void);
+QUILLON_API hipError_t quillon_moe_shuffle_router(const void* src, const float* bias, void* dst, hipStream_t stream);
+QUILLON_API int64_t quillon_moe_router_shuffle_bytes(int64_t M);
+QUILLON_API hipError_t quillon_moe_router_tid2eid(const void* hidden, const void* router_w, const int64_t* token_ids,
+                                                  const int32_t* tid2eid, float* weights, int32_t* ids,
+                                                  void* hidden_shuffled, int64_t M, hipStream_t stream);
+
+/* ---- MoE expert weight forms ---- */
+/* n experts back to back in every source. Gate-up rows interleave: device row
+ * 2i is gate row i, 2i + 1 up row i (split: separate gate and up tensors of
+ * n * I rows; fused: one tensor, an expert's I gate rows first). bf16 and fp8
+ * go into 128 x 64 block panels per expert; fp8 scales are bf16 per 128 x 128
+ * block. k-quant forms are quant and meta planes per expert matrix (format ids
+ * as above). Low-bit forms (0 IQ2_XXS, 1 IQ3_XXS, 2 MXFP4, 3 IQ2_S) are planes
+ * p0, p1, p2 shared by all n experts, with a stride of n * rows + 128 rows. */
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up(const void* gate, const void* up, void* dst, int64_t n,
+                                                   hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up_fused(const void* src, void* dst, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_shuffle_down(const void* src, void* dst, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_shuffle_gate_up_fp8(const void* gate, const void* up, void* dst, int64_t n,
+                                                       hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_shuffle_down_fp8(const void* src, void* dst, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_scale_shuffle_gate_up_fp8(const void* gate_scales, const void* up_scales,
+                                                             void* dst, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_scale_shuffle_down_fp8(const void* src, void* dst, int64_t n, hipStream_t stream);
+QUILLON_API int64_t quillon_moe_kquant_gate_up_quant_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_kquant_gate_up_meta_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_kquant_down_quant_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_kquant_down_meta_bytes(int32_t format, int64_t n);
+QUILLON_API hipError_t quillon_moe_kquant_shuffle_gate_up(int32_t format, const void* gate, const void* up,
+                                                          void* quant, void* meta, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_kquant_shuffle_down(int32_t format, const void* src, void* quant, void* meta,
+                                                       int64_t n, hipStream_t stream);
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p0_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p1_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_p2_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_down_p0_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_down_p1_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_down_p2_bytes(int32_t format, int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_gate_up_stride(int64_t n);
+QUILLON_API int64_t quillon_moe_lowbit_down_stride(int64_t n);
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up(int32_t format, const void* gate, const void* up, void* p0,
+                                                          void* p1, void* p2, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up_fused(int32_t format, const void* src, void* p0, void* p1,
+                                                                void* p2, int64_t n, hipStream_t stream);
+QUILLON_API hipError_t quillon_moe_lowbit_shuffle_down(int32_t format, const void* src, void* p0, void* p1, void* p2,
+                                                       int64_t n, hipStream_t stream);
+
 #ifdef __cplusplus
 }
 #endif
