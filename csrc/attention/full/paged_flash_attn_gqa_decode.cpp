@@ -185,19 +185,18 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
   }
   __syncthreads();
 
-  // Query row of this lane in each row tile; rows past R repeat the last one.
-  const uint16_t* qrow[T];
-  for (int t = 0; t < T; ++t) {
+  // Query row of this lane in row tile t; rows past R repeat the last one.
+  const uint16_t* qbase = a.q + ((int64_t)seq * a.q_stride * NQ + kvh * G) * HD;
+  auto qrow = [&](int t) {
     const int rr = t * 16 + c < R ? t * 16 + c : R - 1;
-    qrow[t] = a.q + (((int64_t)seq * a.q_stride + rr / G) * NQ + kvh * G + rr % G) * HD;
-  }
-  // Last token each accumulator row may see (Q > 1): row r of R sees pos < seq_len - (Q-1-r).
-  int32_t row_lim[T][8];
-  for (int t = 0; t < T; ++t)
-    for (int i = 0; i < 8; ++i) {
-      const int rr = t * 16 + 2 * i + hi < R ? t * 16 + 2 * i + hi : R - 1;
-      row_lim[t][i] = kRowMask ? seq_len - (Q - 1 - rr / G) : 0x7fffffff;
-    }
+    return qbase + ((rr / G) * NQ + rr % G) * HD;
+  };
+  // One past the last token accumulator row i of tile t may see: with Q > 1,
+  // query row r sees pos < seq_len - (Q-1-r).
+  auto row_lim = [&](int t, int i) -> int64_t {
+    const int rr = t * 16 + 2 * i + hi < R ? t * 16 + 2 * i + hi : R - 1;
+    return kRowMask ? seq_len - (Q - 1 - rr / G) : 0x7fffffff;
+  };
 
   dev::f32x8 acc[T][DT];
   for (int t = 0; t < T; ++t)
@@ -233,6 +232,9 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
       ksc = ld16(a.k_scales + ((pg * PAGE + c) * NKV + kvh) * (HD / 32));
       vscale = num::bf16_to_float(a.v_scales[(pg * NKV + kvh) * PAGE + c]);
     }
+    // Two groups in flight: unrolled further, the loads of every group are
+    // hoisted and the row tiles' accumulators no longer fit.
+#pragma unroll 2
     for (int g = 0; g < HD / 16; ++g) {
       dev::bf16x16 kb;
       if constexpr (INT8) {
@@ -242,14 +244,15 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
         kb = bf16x16_of(ld16(kc + kbase + g * 256), ld16(kc + kbase + g * 256 + 8));
       }
       for (int t = 0; t < T; ++t) {
-        const dev::bf16x16 qa = bf16x16_of(ld16(qrow[t] + g * 16), ld16(qrow[t] + g * 16 + 8));
+        const uint16_t* qr = qrow(t) + g * 16;
+        const dev::bf16x16 qa = bf16x16_of(ld16(qr), ld16(qr + 8));
         S[t] = dev::wmma_bf16(qa, kb, S[t]);
       }
     }
     for (int t = 0; t < T; ++t)
       for (int i = 0; i < 8; ++i) {
         float s = S[t][i] * a.scale2;
-        if (!full && !(tok_ok && my_tok < row_lim[t][i])) s = kNegInf;
+        if (!full && !(tok_ok && my_tok < row_lim(t, i))) s = kNegInf;
         S[t][i] = s;
         float mx = s;
         for (int m = 1; m < 16; m <<= 1) mx = __builtin_fmaxf(mx, dev::shfl_xor_f(mx, m));
@@ -288,6 +291,7 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
     }
     // Values: wave w owns dims 16*DT*w .. ; each page's 16 slots of a dim are
     // one B operand straight from the pool.
+#pragma unroll 2
     for (int pw = 0; pw < WAVES; ++pw) {
       const int64_t vp = page_of(tb + 16 * pw);
       const int64_t first = tb + 16 * pw;
