@@ -270,6 +270,31 @@ QUILLON_API hipError_t quillon_paged_attn_decode_int8(const void* q, const int32
   return hipGetLastError();
 }
 
+/* ---- paged prefill attention ---- */
+QUILLON_API int64_t quillon_prefill_q_blocks(const int32_t* q_lens, int64_t num_seqs) {
+  return prefill_q_blocks(q_lens, num_seqs);
+}
+QUILLON_API void quillon_prefill_q_block_map(const int32_t* q_lens, int64_t num_seqs, int32_t* map_out) {
+  prefill_q_block_map(q_lens, num_seqs, map_out);
+}
+QUILLON_API int64_t quillon_paged_prefill_max_tokens(void) { return paged_prefill_max_tokens(); }
+QUILLON_API hipError_t quillon_paged_attn_prefill(const void* q, const void* k_cache, const void* v_cache, void* out,
+                                                  const int32_t* cu_q_lens, const int32_t* block_table,
+                                                  const int32_t* seq_lens, int64_t num_seqs, int64_t row_stride,
+                                                  int64_t num_q_blocks, int64_t page, hipStream_t stream,
+                                                  const int32_t* q_block_map, QuillonPrefillGate gate, float scale) {
+  paged_attn_prefill(q, k_cache, v_cache, out, cu_q_lens, block_table, seq_lens, num_seqs, row_stride, num_q_blocks,
+                     page, q_block_map, gate.gate, gate.gate_row_stride, gate.row_offset, scale, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_paged_attn_prefill_int8(const void*, const void*, const void*, const void*, const void*,
+                                                       void*, const int32_t*, const int32_t*, const int32_t*, int64_t,
+                                                       int64_t, int64_t, int64_t page, hipStream_t, const int32_t*,
+                                                       QuillonPrefillGate, float) {
+  paged_attn_prefill_int8(page);
+  return hipGetLastError();
+}
+
 /* ---- embedding gather ---- */
 QUILLON_API hipError_t quillon_gather_embedding(const int64_t* ids, const void* table, void* out, int64_t n,
                                                 hipStream_t stream) {

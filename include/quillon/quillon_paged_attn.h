@@ -37,6 +37,35 @@ QUILLON_API hipError_t quillon_paged_attn_decode_int8(const void* q, const int32
                                                       int64_t page, int64_t q_stride, int64_t row_offset,
                                                       hipStream_t stream, float scale);
 
+/* ---- paged prefill attention ---- */
+/* Causal attention of prompt chunks already in the pool. q and out are
+ * [token][NQ][HD]; cu_q_lens int32[num_seqs+1]; seq_lens count the pool's
+ * tokens including the new ones. The map holds (request, block) pairs, one
+ * per query block, from quillon_prefill_q_block_map. A non-null gate writes
+ * bf16(bf16(o) * sigmoid(gate)) to out in the blk32 layout at row
+ * row_offset + token, instead of the plain rows. */
+typedef struct QuillonPrefillGate {
+  const void* gate;
+  int64_t gate_row_stride;
+  int64_t row_offset;
+} QuillonPrefillGate;
+QUILLON_API int64_t quillon_prefill_q_blocks(const int32_t* q_lens, int64_t num_seqs);
+QUILLON_API void quillon_prefill_q_block_map(const int32_t* q_lens, int64_t num_seqs, int32_t* map_out);
+QUILLON_API int64_t quillon_paged_prefill_max_tokens(void);
+QUILLON_API hipError_t quillon_paged_attn_prefill(const void* q, const void* k_cache, const void* v_cache, void* out,
+                                                  const int32_t* cu_q_lens, const int32_t* block_table,
+                                                  const int32_t* seq_lens, int64_t num_seqs, int64_t row_stride,
+                                                  int64_t num_q_blocks, int64_t page, hipStream_t stream,
+                                                  const int32_t* q_block_map, QuillonPrefillGate gate, float scale);
+/* Checks page and geometry and launches nothing: no int8 prefill is built. */
+QUILLON_API hipError_t quillon_paged_attn_prefill_int8(const void* q, const void* k_cache, const void* v_cache,
+                                                       const void* k_scales, const void* v_scales, void* out,
+                                                       const int32_t* cu_q_lens, const int32_t* block_table,
+                                                       const int32_t* seq_lens, int64_t num_seqs, int64_t row_stride,
+                                                       int64_t num_q_blocks, int64_t page, hipStream_t stream,
+                                                       const int32_t* q_block_map, QuillonPrefillGate gate,
+                                                       float scale);
+
 #ifdef __cplusplus
 }
 #endif

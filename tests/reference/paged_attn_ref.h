@@ -268,3 +268,122 @@ inline void decode_double(const DecodeCase& c, std::vector<double>& out, std::ve
 }
 
 }  // namespace ref
+
+namespace ref {
+
+// Prefill of one batch: requests with their query rows in q [token][nq][hd],
+// pools and table as in decode (DecodeCase carries them; q_rows unused).
+struct PrefillCase {
+  DecodeCase pool;              // nq, nkv, hd, scale, seq_lens, table, row_stride, k16, v16
+  std::vector<int32_t> cu_q;    // num_seqs + 1
+  std::vector<uint16_t> q;      // [cu_q.back()][nq][hd]
+  int64_t qb;
+};
+
+inline std::vector<std::pair<int32_t, int32_t>> q_block_map(const std::vector<int32_t>& q_lens, int64_t qb) {
+  std::vector<std::pair<int32_t, int32_t>> m;
+  for (size_t i = 0; i < q_lens.size(); ++i)
+    for (int64_t b = 0; b < cdiv(q_lens[i], qb); ++b) m.push_back({(int32_t)i, (int32_t)b});
+  return m;
+}
+
+// Plain rows in the kernel's order: tiles of 128 from 0 to the block's last
+// position, per 32-token group two interleaved running sums (even and odd
+// tokens) added, groups added in order.
+inline std::vector<uint16_t> prefill_exact(const PrefillCase& c, uint16_t fill) {
+  const DecodeCase& k = c.pool;
+  const int64_t G = k.nq / k.nkv, HD = k.hd;
+  const float ninf = -std::numeric_limits<float>::infinity(), scale2 = k.scale * 1.4426950216f;
+  std::vector<uint16_t> out(c.q.size(), fill);
+  for (size_t b = 0; b + 1 < c.cu_q.size(); ++b) {
+    const int64_t q_len = c.cu_q[b + 1] - c.cu_q[b], ctx = k.seq_lens[b] - q_len;
+    for (int64_t blk = 0; blk < cdiv(q_len, c.qb); ++blk) {
+      const int64_t n = std::min(c.qb, q_len - blk * c.qb), last = ctx + blk * c.qb + n - 1;
+      for (int64_t h = 0; h < k.nkv; ++h)
+        for (int64_t lt = 0; lt < n; ++lt)
+          for (int64_t hh = 0; hh < G; ++hh) {
+            const int64_t token = c.cu_q[b] + blk * c.qb + lt, pos = ctx + blk * c.qb + lt;
+            const uint16_t* qr = &c.q[(size_t)((token * k.nq + h * G + hh) * HD)];
+            float m = ninf, l = 0.0f;
+            std::vector<float> acc(HD, 0.0f);
+            for (int64_t tile = 0; tile <= last; tile += 128) {
+              float s[128], p[128], pb[128];
+              for (int t = 0; t < 128; ++t) {
+                float a = 0.0f;
+                for (int64_t g = 0; g < HD / 16; ++g) {
+                  float d = 0.0f;
+                  for (int e = 0; e < 16; ++e)
+                    d = std::fma(k.key((int64_t)b, h, tile + t, 16 * g + e), widen(qr[16 * g + e]), d);
+                  a = a + d;
+                }
+                s[t] = tile + t <= pos ? a * scale2 : ninf;
+              }
+              float m_new = m;
+              for (float x : s) m_new = std::fmax(m_new, x);
+              const float alpha = m == ninf ? 0.0f : hw_exp2(m - m_new);
+              for (int t = 0; t < 128; ++t) {
+                p[t] = m_new == ninf ? 0.0f : hw_exp2(s[t] - m_new);
+                pb[t] = widen(round_bf16_quiet(p[t]));
+              }
+              float groups[4];
+              for (int tg = 0; tg < 4; ++tg) {
+                float half[2] = {0.0f, 0.0f};
+                for (int hi = 0; hi < 2; ++hi)
+                  for (int i = 0; i < 16; ++i) half[hi] = half[hi] + p[32 * tg + 2 * i + hi];
+                groups[tg] = half[0] + half[1];
+              }
+              l = (((groups[0] + groups[1]) + groups[2]) + groups[3]) + l * alpha;
+              m = m_new;
+              for (int64_t d = 0; d < HD; ++d) {
+                float a = acc[d] * alpha;
+                for (int pw = 0; pw < 8; ++pw) {
+                  float dd = 0.0f;
+                  for (int e = 0; e < 16; ++e) {
+                    const int64_t tok = tile + 16 * pw + e;
+                    dd = std::fma(tok <= last ? k.value((int64_t)b, h, tok, d) : 0.0f, pb[16 * pw + e], dd);
+                  }
+                  a = a + dd;
+                }
+                acc[d] = a;
+              }
+            }
+            const float inv = 1.0f / l;
+            for (int64_t d = 0; d < HD; ++d)
+              out[(size_t)((token * k.nq + h * G + hh) * HD + d)] = round_bf16_quiet(acc[d] * inv);
+          }
+    }
+  }
+  return out;
+}
+
+// Causal softmax in double, and the largest |v| of each row's history.
+inline void prefill_double(const PrefillCase& c, std::vector<double>& out, std::vector<double>& vmax) {
+  const DecodeCase& k = c.pool;
+  const int64_t G = k.nq / k.nkv, HD = k.hd;
+  out.assign(c.q.size(), 0.0);
+  vmax.assign(c.q.size() / HD, 0.0);
+  for (size_t b = 0; b + 1 < c.cu_q.size(); ++b) {
+    const int64_t q_len = c.cu_q[b + 1] - c.cu_q[b], ctx = k.seq_lens[b] - q_len;
+    for (int64_t t = 0; t < q_len; ++t)
+      for (int64_t hq = 0; hq < k.nq; ++hq) {
+        const int64_t token = c.cu_q[b] + t, h = hq / G, row = token * k.nq + hq;
+        std::vector<double> s;
+        for (int64_t p = 0; p <= ctx + t; ++p) {
+          double dot = 0.0;
+          for (int64_t d = 0; d < HD; ++d) dot += (double)widen(c.q[(size_t)(row * HD + d)]) * k.key((int64_t)b, h, p, d);
+          s.push_back(dot * k.scale);
+        }
+        const double mx = *std::max_element(s.begin(), s.end());
+        double l = 0.0;
+        for (double& x : s) l += x = std::exp(x - mx);
+        for (int64_t p = 0; p <= ctx + t; ++p)
+          for (int64_t d = 0; d < HD; ++d) {
+            const double v = k.value((int64_t)b, h, p, d);
+            out[(size_t)(row * HD + d)] += s[p] / l * v;
+            vmax[(size_t)row] = std::max(vmax[(size_t)row], std::fabs(v));
+          }
+      }
+  }
+}
+
+}  // namespace ref

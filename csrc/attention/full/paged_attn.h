@@ -31,4 +31,16 @@ void draft_paged_attn_decode(const void* q, const void* k_cache, const void* v_c
                              int64_t num_slots, void* workspace, int64_t q_rows, int64_t page, int64_t q_stride,
                              int64_t row_offset, float scale, hipStream_t s);
 
+// Prefill: query blocks of the active geometry (host arithmetic), and the
+// fused causal kernel; a non-null `gate` writes the gated blk32 form.
+int64_t prefill_q_blocks(const int32_t* q_lens, int64_t num_seqs);
+void prefill_q_block_map(const int32_t* q_lens, int64_t num_seqs, int32_t* map_out);
+int64_t paged_prefill_max_tokens();
+void paged_attn_prefill(const void* q, const void* k_cache, const void* v_cache, void* out, const int32_t* cu_q_lens,
+                        const int32_t* block_table, const int32_t* seq_lens, int64_t num_seqs, int64_t row_stride,
+                        int64_t num_q_blocks, int64_t page, const int32_t* q_block_map, const void* gate,
+                        int64_t gate_row_stride, int64_t row_offset, float scale, hipStream_t s);
+// Checks page and geometry only: there is no int8 prefill instantiation.
+void paged_attn_prefill_int8(int64_t page);
+
 }  // namespace quillon
