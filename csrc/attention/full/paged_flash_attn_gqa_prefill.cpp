@@ -23,8 +23,11 @@ QDEV dev::bf16x16 frag(const uint16_t* p, const uint16_t* p8) {
   return __builtin_bit_cast(dev::bf16x16, (u32x8p)__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7));
 }
 QDEV dev::bf16x16 frag(const uint16_t* p) { return frag(p, p + 8); }
-// P is [column][token], XOR-swizzled at 16-byte granularity.
-QDEV int pt_index(int col, int tok) { return col * 128 + ((((tok >> 3) ^ col) & 15) << 3) + (tok & 7); }
+// P is [column][token], rows padded by 16 bytes so the column reads of the
+// second product spread over the banks and every store of a lane is one base
+// plus an immediate.
+constexpr int kPRow = 136;
+QDEV int pt_index(int col, int tok) { return col * kPRow + tok; }
 }  // namespace
 
 // Query tokens per block: QB*G fills whole 16-column tiles over 4 query groups.
@@ -78,7 +81,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
   const int32_t n = q_len - qblock * QB < QB ? q_len - qblock * QB : QB;
   const int32_t ctx = a.seq_lens[req] - q_len, first_pos = ctx + qblock * QB, last = first_pos + n - 1;
 
-  __shared__ __attribute__((aligned(16))) uint16_t P[COLS * 128];
+  __shared__ __attribute__((aligned(16))) uint16_t P[COLS * kPRow];
   __shared__ float wmax[4][COLS], wsum[4][COLS];
   __shared__ float m_run[COLS], l_run[COLS], alpha_s[COLS];
   if (tid < COLS) {
@@ -120,13 +123,16 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
       const int64_t tok0 = tile + 32 * tg + 16 * u;
       kbase[u] = (page_of(tok0) * NKV + kvh) * (HD / 16) * 256 + c * 16;
     }
-#pragma unroll 2
+    // One group, one page at a time: the scores and accumulators of three
+    // column tiles leave no room for a second set of operands.
+#pragma unroll 1
     for (int g = 0; g < HD / 16; ++g) {
-      dev::bf16x16 ka[2], qb[CT];
+      dev::bf16x16 ka[2];
       for (int u = 0; u < 2; ++u) ka[u] = frag(kc + kbase[u] + g * 256);
-      for (int t = 0; t < CT; ++t) qb[t] = frag(q_of(col_of(t)) + g * 16);
-      for (int u = 0; u < 2; ++u)
-        for (int t = 0; t < CT; ++t) S[u][t] = dev::wmma_bf16(ka[u], qb[t], S[u][t]);
+      for (int t = 0; t < CT; ++t) {
+        const dev::bf16x16 qb = frag(q_of(col_of(t)) + g * 16);
+        for (int u = 0; u < 2; ++u) S[u][t] = dev::wmma_bf16(ka[u], qb, S[u][t]);
+      }
     }
     for (int t = 0; t < CT; ++t) {
       const int col = col_of(t);
@@ -171,31 +177,33 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
     if (tid < COLS) l_run[tid] = (((wsum[0][tid] + wsum[1][tid]) + wsum[2][tid]) + wsum[3][tid]) + l_run[tid] * alpha_s[tid];
     // O^T[dim][column] += V^T[dim][token] P[token][column]; slots past the
     // last row's position are zeroed, so an unwritten NaN cannot reach acc.
-#pragma unroll 2
+#pragma unroll 1
     for (int pw = 0; pw < 8; ++pw) {
       const int64_t first = tile + 16 * pw;
       const int64_t vp = page_of(first);
       const int keep = last - first + 1 < 16 ? (int)(last - first + 1) : 16;
-      dev::bf16x16 va[DT], pb[CT];
+      dev::bf16x16 pb[CT];
+      for (int t = 0; t < CT; ++t) pb[t] = frag(&P[pt_index(col_of(t), 16 * pw)], &P[pt_index(col_of(t), 16 * pw + 8)]);
       for (int d = 0; d < DT; ++d) {
-        va[d] = frag(vc + ((vp * NKV + kvh) * HD + tg * (HD / 4) + d * 16 + c) * PAGE);
+        dev::bf16x16 va = frag(vc + ((vp * NKV + kvh) * HD + tg * (HD / 4) + d * 16 + c) * PAGE);
         if (keep < 16)
           for (int e = 0; e < 16; ++e)
-            if (e >= keep) va[d][e] = 0;
+            if (e >= keep) va[e] = 0;
+        for (int t = 0; t < CT; ++t) acc[d][t] = dev::wmma_bf16(va, pb[t], acc[d][t]);
       }
-      for (int t = 0; t < CT; ++t) pb[t] = frag(&P[pt_index(col_of(t), 16 * pw)], &P[pt_index(col_of(t), 16 * pw + 8)]);
-      for (int d = 0; d < DT; ++d)
-        for (int t = 0; t < CT; ++t) acc[d][t] = dev::wmma_bf16(va[d], pb[t], acc[d][t]);
     }
   }
   __syncthreads();
 
+#pragma unroll
   for (int t = 0; t < CT; ++t) {
     const int col = col_of(t), lt = col / G, h = col % G;
     if (lt >= n) continue;
     const float inv = 1.0f / l_run[col];
     const int64_t token = q0 + qblock * QB + lt;
+#pragma unroll
     for (int d = 0; d < DT; ++d)
+#pragma unroll
       for (int i = 0; i < 8; ++i) {
         const int dim = tg * (HD / 4) + d * 16 + 2 * i + hi;
         const int64_t ocol = (int64_t)(kvh * G + h) * HD + dim;
