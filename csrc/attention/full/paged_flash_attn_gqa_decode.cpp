@@ -10,15 +10,13 @@
 #include "../../platform/launch.h"
 #include "../../platform/numerics.h"
 #include "paged_attn.h"
+#include "paged_attn_core.h"
 
 #include <type_traits>
 #include <utility>
 
 namespace quillon {
 namespace pattn {
-
-constexpr float kLog2e = 1.4426950216f;
-constexpr float kNegInf = -__builtin_inff();
 
 // ---- plan ------------------------------------------------------------------------------
 
@@ -116,13 +114,6 @@ struct PartitionParams {
   int32_t num_slots;
   float scale2;  // scale * log2(e)
 };
-
-typedef uint32_t u32x8 __attribute__((ext_vector_type(8)));
-QDEV dev::bf16x16 bf16x16_of(dev::u32x4 lo, dev::u32x4 hi) {
-  const u32x8 v = __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7);
-  return __builtin_bit_cast(dev::bf16x16, v);
-}
-QDEV dev::u32x4 ld16(const void* p) { return *reinterpret_cast<const dev::u32x4*>(p); }
 
 // 16 signed bytes as bf16, exact.
 QDEV dev::bf16x16 widen_i8(dev::u32x4 b) {
@@ -241,11 +232,11 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
         const uint16_t sbits = (uint16_t)(ksc[g / 4] >> (16 * ((g / 2) % 2)));
         kb = dequant_k(ld16(kc + kbase + g * 256), num::bf16_to_float(sbits));
       } else {
-        kb = bf16x16_of(ld16(kc + kbase + g * 256), ld16(kc + kbase + g * 256 + 8));
+        kb = frag(kc + kbase + g * 256);
       }
       for (int t = 0; t < T; ++t) {
         const uint16_t* qr = qrow(t) + g * 16;
-        const dev::bf16x16 qa = bf16x16_of(ld16(qr), ld16(qr + 8));
+        const dev::bf16x16 qa = frag(qr);
         S[t] = dev::wmma_bf16(qa, kb, S[t]);
       }
     }
@@ -302,12 +293,11 @@ __global__ __launch_bounds__(WAVES * 32) void paged_gqa_flash_attn_decode_partit
         const int d = (w * DT + j) * 16 + c;
         const Elem* row = vc + ((vp * NKV + kvh) * HD + d) * PAGE;
         if constexpr (INT8) vb[j] = widen_i8(ld16(row));
-        else vb[j] = bf16x16_of(ld16(row), ld16(row + 8));
+        else vb[j] = frag(row);
         if (!full) vb[j] = zero_outside(vb[j], lo, hi_e);
       }
       for (int t = 0; t < T; ++t) {
-        const dev::bf16x16 pa = bf16x16_of(*reinterpret_cast<const dev::u32x4*>(&P[t][p_index(c, 16 * pw)]),
-                                           *reinterpret_cast<const dev::u32x4*>(&P[t][p_index(c, 16 * pw + 8)]));
+        const dev::bf16x16 pa = frag(&P[t][p_index(c, 16 * pw)], &P[t][p_index(c, 16 * pw + 8)]);
         for (int j = 0; j < DT; ++j) acc[t][j] = dev::wmma_bf16(pa, vb[j], acc[t][j]);
       }
     }

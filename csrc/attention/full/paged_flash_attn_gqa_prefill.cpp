@@ -10,19 +10,12 @@
 #include "../../platform/launch.h"
 #include "../../platform/numerics.h"
 #include "paged_attn.h"
+#include "paged_attn_core.h"
 
 namespace quillon {
 namespace pattn {
 
 namespace {
-constexpr float kLog2eP = 1.4426950216f;
-constexpr float kNegInfP = -__builtin_inff();
-typedef uint32_t u32x8p __attribute__((ext_vector_type(8)));
-QDEV dev::bf16x16 frag(const uint16_t* p, const uint16_t* p8) {
-  const dev::u32x4 lo = *reinterpret_cast<const dev::u32x4*>(p), hi = *reinterpret_cast<const dev::u32x4*>(p8);
-  return __builtin_bit_cast(dev::bf16x16, (u32x8p)__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7));
-}
-QDEV dev::bf16x16 frag(const uint16_t* p) { return frag(p, p + 8); }
 // P is [column][token], rows padded by 16 bytes so the column reads of the
 // second product spread over the banks and every store of a lane is one base
 // plus an immediate.
@@ -85,7 +78,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
   __shared__ float wmax[4][COLS], wsum[4][COLS];
   __shared__ float m_run[COLS], l_run[COLS], alpha_s[COLS];
   if (tid < COLS) {
-    m_run[tid] = kNegInfP;
+    m_run[tid] = kNegInf;
     l_run[tid] = 0.0f;
   }
   __syncthreads();
@@ -105,7 +98,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
   };
   const uint16_t* kc = static_cast<const uint16_t*>(a.k_cache);
   const uint16_t* vc = static_cast<const uint16_t*>(a.v_cache);
-  const float scale2 = a.scale * kLog2eP;
+  const float scale2 = a.scale * kLog2e;
 
   dev::f32x8 acc[DT][CT];
   for (int d = 0; d < DT; ++d)
@@ -137,11 +130,11 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
     for (int t = 0; t < CT; ++t) {
       const int col = col_of(t);
       const int32_t pos = pos_of(col);
-      float mx = kNegInfP;
+      float mx = kNegInf;
       for (int u = 0; u < 2; ++u)
         for (int i = 0; i < 8; ++i) {
           const int32_t tok = tile + 32 * tg + 16 * u + 2 * i + hi;
-          const float s = tok <= pos ? S[u][t][i] * scale2 : kNegInfP;
+          const float s = tok <= pos ? S[u][t][i] * scale2 : kNegInf;
           S[u][t][i] = s;
           mx = __builtin_fmaxf(mx, s);
         }
@@ -153,7 +146,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
       const float m_old = m_run[tid];
       float m_new = m_old;
       for (int v = 0; v < 4; ++v) m_new = __builtin_fmaxf(m_new, wmax[v][tid]);
-      alpha_s[tid] = m_old == kNegInfP ? 0.0f : dev::exp2(m_old - m_new);
+      alpha_s[tid] = m_old == kNegInf ? 0.0f : dev::exp2(m_old - m_new);
       m_run[tid] = m_new;
     }
     __syncthreads();
@@ -163,7 +156,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
       float sum = 0.0f;
       for (int u = 0; u < 2; ++u)
         for (int i = 0; i < 8; ++i) {
-          const float p = m_new == kNegInfP ? 0.0f : dev::exp2(S[u][t][i] - m_new);
+          const float p = m_new == kNegInf ? 0.0f : dev::exp2(S[u][t][i] - m_new);
           sum = sum + p;
           P[pt_index(col, 32 * tg + 16 * u + 2 * i + hi)] = num::bf16_rne_quiet(p);
         }
@@ -211,7 +204,7 @@ __global__ __launch_bounds__(512) void paged_gqa_flash_attn_prefill_kernel(Prefi
         if constexpr (GATE) {
           const float g = num::bf16_to_float(
               a.gate[(a.row_offset + token) * a.gate_row_stride + (int64_t)(kvh * G + h) * 2 * HD + HD + dim]);
-          const float sig = 1.0f / (1.0f + dev::exp2(-g * kLog2eP));
+          const float sig = 1.0f / (1.0f + dev::exp2(-g * kLog2e));
           a.out[gemm_core::blk32_a_offset(a.row_offset + token, ocol, (int64_t)NQ * HD) / 2] =
               num::bf16_rne_quiet(num::bf16_to_float(o) * sig);
         } else {
