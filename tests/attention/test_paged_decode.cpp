@@ -168,7 +168,8 @@ TEST(PagedDecode, PlanMatchesReference) {
   }
 }
 
-// Lengths at page and tile edges in one batch, every geometry and Q.
+// Lengths at page and tile edges in one batch, every geometry and Q; a
+// request shorter than Q leaves its first rows with nothing to see (zeros).
 TEST(PagedDecode, Bf16EveryGeometryAndQ) {
   qt::Rng rng(1601);
   for (const Geo& g : kGeos) {
@@ -177,7 +178,7 @@ TEST(PagedDecode, Bf16EveryGeometryAndQ) {
     for (int64_t q = 1; q <= 8; ++q) {
       SCOPED_TRACE(testing::Message() << "geometry " << g.id << " Q " << q);
       const std::vector<int32_t> lens = q == 1 ? std::vector<int32_t>{0, 1, 15, 16, 17, 127, 128, 129}
-                                               : std::vector<int32_t>{(int32_t)q, 17, 129, (int32_t)(120 + q)};
+                                               : std::vector<int32_t>{(int32_t)(q / 2), 17, 129, (int32_t)(120 + q)};
       const auto c = make_case(rng, g, q, lens, false);
       const int64_t slots = (int64_t)lens.size() * g.nkv + 3;
       check(c, run(c, slots, 128, false), slots, 128, false);
@@ -313,6 +314,16 @@ TEST(PagedDecodeDeathTest, MessagesInOrder) {
   EXPECT_QUILLON_FATAL(quillon_paged_attn_decode(p, p, p, p, p, p, p, 1, 1, 1, p, 1, 16, 0, 0, nullptr, 1.0f), g2);
   EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_plan(p, p, 1, 1, 128, 0, nullptr), g2);
   EXPECT_QUILLON_FATAL((void)quillon_paged_decode_num_slots(1), g2);
+}
+
+TEST(PagedDecodeDeathTest, NoGeometrySelected) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const char* none = "no model geometry is selected; call quillon_select_geometry(id) once before any other entry point";
+  int32_t* p = nullptr;
+  EXPECT_QUILLON_FATAL((void)quillon_paged_decode_workspace_size(1, 1), none);
+  EXPECT_QUILLON_FATAL((void)quillon_paged_attn_decode_plan(p, p, 1, 4, 128, 0, nullptr), none);
+  EXPECT_QUILLON_FATAL((void)quillon_prefill_q_blocks(p, 0), none);
+  EXPECT_QUILLON_FATAL((void)quillon_paged_prefill_max_tokens(), none);
 }
 
 }  // namespace
