@@ -4,7 +4,10 @@
 The QK norms keep a head in registers from load to store: no LDS instruction
 at all, partners meet by lane exchange, 16-byte loads and stores. The KV
 writers store a key's 8 (bf16) or 16 (int8) dims with one 16-byte store, and
-the group rotation moves whole 16-byte chunks.
+the group rotation moves whole 16-byte chunks. Paged decode attention reads
+the pool's K and V pages with 16-byte loads straight into WMMA operands: no
+byte or 2-byte load of a page element (the int8 form's 2-byte loads are its V
+scales) and no other matrix instruction; prefill likewise.
 """
 import os
 import sys
@@ -14,7 +17,9 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from check_disasm import functions  # noqa: E402
 from isa_report import demangle, disassembly  # noqa: E402
 
-SOURCES = ("qk_norm.cpp.o", "rope_tail.cpp.o", "kv_cache_paged.cpp.o")
+SOURCES = ("qk_norm.cpp.o", "rope_tail.cpp.o", "kv_cache_paged.cpp.o", "paged_flash_attn_gqa_decode.cpp.o",
+           "paged_flash_attn_gqa_prefill.cpp.o")
+PAGE_BYTES = ("global_load_u8", "global_load_i8", "global_load_d16", "v_wmma_f16", "v_wmma_i32", "v_wmma_bf16_")
 # kernel name -> (instructions that must appear at least n times, prefixes that must not appear)
 RULES = {
     "qk_norm_kernel<": ({"global_load_b128": 1, "global_store_b128": 1}, ("ds_",)),
@@ -22,6 +27,14 @@ RULES = {
     "dsv4_rope_tail_group_kernel<": ({"global_load_b128": 1, "global_store_b128": 1}, ("ds_",)),
     "reshape_and_cache_kernel<": ({"global_load_b128": 1, "global_store_b128": 1}, ()),
     "reshape_and_cache_int8_kernel<": ({"global_store_b128": 2}, ()),
+    "paged_gqa_flash_attn_decode_partition_kernel<16, 2, 256, 16, 128, 8, true, 1, false,":
+        ({"global_load_b128": 6, "v_wmma_f32_16x16x16_bf16": 4}, PAGE_BYTES + ("global_load_u16",)),
+    "paged_gqa_flash_attn_decode_partition_kernel<24, 2, 256, 16, 128, 8, true, 8, true,":
+        ({"global_load_b128": 4, "v_wmma_f32_16x16x16_bf16": 12}, PAGE_BYTES),
+    "paged_gqa_flash_attn_decode_partition_kernel<32, 8, 128, 16, 128, 8, true, 16, false,":
+        ({"global_load_b128": 6, "v_wmma_f32_16x16x16_bf16": 8}, PAGE_BYTES + ("global_load_u16",)),
+    "paged_gqa_flash_attn_prefill_kernel<24, 2, 256,":
+        ({"global_load_b128": 4, "v_wmma_f32_16x16x16_bf16": 12}, PAGE_BYTES),
 }
 
 

@@ -7,6 +7,7 @@
 #include "../norm/rmsnorm.h"
 #include "../rope/rope.h"
 #include "../cache/kv_cache.h"
+#include "../attention/full/paged_attn.h"
 #include "../device/gather_embedding.h"
 #include "../embedding/lm_head_gemm.h"
 #include "../sampling/topk_topp.h"
@@ -232,6 +233,68 @@ QUILLON_API hipError_t quillon_paged_window_view(const int32_t* block_table, int
                                                  int32_t* view_seq_lens, int64_t page, hipStream_t stream) {
   paged_window_view(block_table, row_stride, last_positions, num_seqs, head_tokens, tail_tokens, view_table,
                     view_row_stride, view_seq_lens, page, stream);
+  return hipGetLastError();
+}
+
+/* ---- paged decode attention ---- */
+QUILLON_API int64_t quillon_paged_decode_num_slots(int64_t num_seqs) { return paged_decode_num_slots(num_seqs); }
+QUILLON_API int64_t quillon_paged_decode_plan_elems(int64_t num_seqs, int64_t num_slots) {
+  return paged_decode_plan_elems(num_seqs, num_slots);
+}
+QUILLON_API int64_t quillon_paged_decode_workspace_size(int64_t num_slots, int64_t q_rows) {
+  return paged_decode_workspace_size(num_slots, q_rows);
+}
+QUILLON_API int64_t quillon_paged_decode_max_q_tokens(void) { return kPagedDecodeMaxQ; }
+QUILLON_API hipError_t quillon_paged_attn_decode_plan(const int32_t* seq_lens, int32_t* plan, int64_t num_seqs,
+                                                      int64_t num_slots, int64_t part_tokens, int32_t even_split,
+                                                      hipStream_t stream) {
+  paged_attn_decode_plan(seq_lens, plan, num_seqs, num_slots, part_tokens, even_split, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_paged_attn_decode(const void* q, const int32_t* seq_lens, const void* k_cache,
+                                                 const void* v_cache, void* out, const int32_t* block_table,
+                                                 const int32_t* plan, int64_t num_seqs, int64_t row_stride,
+                                                 int64_t num_slots, void* workspace, int64_t q_rows, int64_t page,
+                                                 int64_t q_stride, int64_t row_offset, hipStream_t stream,
+                                                 float scale) {
+  paged_attn_decode(q, seq_lens, k_cache, v_cache, nullptr, nullptr, false, out, block_table, plan, num_seqs,
+                    row_stride, num_slots, workspace, q_rows, page, q_stride, row_offset, scale, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_paged_attn_decode_int8(const void* q, const int32_t* seq_lens, const void* k_cache,
+                                                      const void* v_cache, const void* k_scales,
+                                                      const void* v_scales, void* out, const int32_t* block_table,
+                                                      const int32_t* plan, int64_t num_seqs, int64_t row_stride,
+                                                      int64_t num_slots, void* workspace, int64_t q_rows,
+                                                      int64_t page, int64_t q_stride, int64_t row_offset,
+                                                      hipStream_t stream, float scale) {
+  paged_attn_decode(q, seq_lens, k_cache, v_cache, k_scales, v_scales, true, out, block_table, plan, num_seqs,
+                    row_stride, num_slots, workspace, q_rows, page, q_stride, row_offset, scale, stream);
+  return hipGetLastError();
+}
+
+/* ---- paged prefill attention ---- */
+QUILLON_API int64_t quillon_prefill_q_blocks(const int32_t* q_lens, int64_t num_seqs) {
+  return prefill_q_blocks(q_lens, num_seqs);
+}
+QUILLON_API void quillon_prefill_q_block_map(const int32_t* q_lens, int64_t num_seqs, int32_t* map_out) {
+  prefill_q_block_map(q_lens, num_seqs, map_out);
+}
+QUILLON_API int64_t quillon_paged_prefill_max_tokens(void) { return paged_prefill_max_tokens(); }
+QUILLON_API hipError_t quillon_paged_attn_prefill(const void* q, const void* k_cache, const void* v_cache, void* out,
+                                                  const int32_t* cu_q_lens, const int32_t* block_table,
+                                                  const int32_t* seq_lens, int64_t num_seqs, int64_t row_stride,
+                                                  int64_t num_q_blocks, int64_t page, hipStream_t stream,
+                                                  const int32_t* q_block_map, QuillonPrefillGate gate, float scale) {
+  paged_attn_prefill(q, k_cache, v_cache, out, cu_q_lens, block_table, seq_lens, num_seqs, row_stride, num_q_blocks,
+                     page, q_block_map, gate.gate, gate.gate_row_stride, gate.row_offset, scale, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_paged_attn_prefill_int8(const void*, const void*, const void*, const void*, const void*,
+                                                       void*, const int32_t*, const int32_t*, const int32_t*, int64_t,
+                                                       int64_t, int64_t, int64_t page, hipStream_t, const int32_t*,
+                                                       QuillonPrefillGate, float) {
+  paged_attn_prefill_int8(page);
   return hipGetLastError();
 }
 

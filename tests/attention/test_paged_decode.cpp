@@ -1,0 +1,329 @@
+// Paged decode attention: the device plan against the plan reference, and
+// plan + partition + reduce through the exported entries against the
+// fixed-order reference (bit-exact) and a double softmax (bounded), over
+// lengths at page and tile edges, Q 1..8, scattered pages and int8 pools.
+#include <cmath>
+
+#include "attention/full/paged_attn.h"
+#include "device/device_config.h"
+#include "common/test_util.h"
+#include "quillon/quillon.h"
+#include "reference/paged_attn_ref.h"
+
+namespace {
+
+void sync_ok() {
+  ASSERT_EQ(hipGetLastError(), hipSuccess);
+  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+}
+
+struct Geo {
+  int id;
+  int64_t nq, nkv, hd;
+};
+const Geo kGeos[] = {{0, 16, 2, 256}, {1, 24, 4, 256}, {3, 24, 2, 256}};
+constexpr uint16_t kPoison = 0xFFFF;
+
+// Random pools whose pages are scattered over a large pool in a random order;
+// slots past each sequence's end in its last page hold NaN (bf16) or NaN scales.
+ref::DecodeCase make_case(qt::Rng& rng, const Geo& g, int64_t q_rows, std::vector<int32_t> lens, bool int8,
+                          int64_t q_stride = 0, float vscale_lo = 0.005f, float vscale_hi = 0.05f) {
+  ref::DecodeCase c;
+  c.nq = g.nq, c.nkv = g.nkv, c.hd = g.hd, c.q_rows = q_rows, c.q_stride = q_stride ? q_stride : q_rows;
+  c.int8 = int8;
+  c.scale = 1.0f / 16.0f;
+  c.seq_lens = lens;
+  int64_t most = 1;
+  for (int32_t l : lens) most = std::max<int64_t>(most, ref::cdiv(l, 16));
+  c.row_stride = most + 3;
+  const int64_t pages = (int64_t)lens.size() * most * 3 + 1;
+  std::vector<int32_t> order(pages);
+  for (int64_t i = 0; i < pages; ++i) order[i] = (int32_t)i;
+  std::shuffle(order.begin(), order.end(), rng.g);
+  c.table.assign((size_t)(lens.size() * c.row_stride), 0);
+  for (size_t i = 0; i < c.table.size(); ++i) c.table[i] = order[i % pages];
+  const size_t elems = (size_t)(pages * c.nkv * c.hd * 16);
+  if (int8) {
+    c.k8.resize(elems), c.v8.resize(elems);
+    for (auto& x : c.k8) x = (int8_t)rng.integer(-127, 127);
+    for (auto& x : c.v8) x = (int8_t)rng.integer(-127, 127);
+    c.ks = rng.bf16s((size_t)(pages * 16 * c.nkv * (c.hd / 32)), 0.001f, 0.02f);
+    c.vs = rng.bf16s((size_t)(pages * c.nkv * 16), vscale_lo, vscale_hi);
+  } else {
+    c.k16 = rng.bf16s(elems), c.v16 = rng.bf16s(elems);
+  }
+  for (size_t b = 0; b < lens.size(); ++b)
+    for (int64_t t = lens[b]; t < ref::cdiv(lens[b], 16) * 16; ++t)
+      for (int64_t h = 0; h < c.nkv; ++h) {
+        const int64_t p = c.page_of((int64_t)b, t);
+        if (int8) {
+          c.vs[(size_t)((p * c.nkv + h) * 16 + t % 16)] = 0x7FC0;
+          for (int64_t s = 0; s < c.hd / 32; ++s) c.ks[(size_t)(((p * 16 + t % 16) * c.nkv + h) * (c.hd / 32) + s)] = 0x7FC0;
+        } else {
+          for (int64_t d = 0; d < c.hd; ++d) {
+            c.k16[(size_t)ref::kv_k_index(c.shape(), p, h, d, t % 16)] = 0x7FC0;
+            c.v16[(size_t)ref::kv_v_index(c.shape(), p, h, d, t % 16)] = 0x7FC0;
+          }
+        }
+      }
+  c.q = rng.bf16s((size_t)(lens.size() * c.q_stride * c.nq * c.hd));
+  return c;
+}
+
+struct Result {
+  std::vector<uint16_t> out;
+  std::vector<int32_t> plan;
+  std::vector<float> ws;
+};
+
+// Plan and attention through the ABI; the workspace starts as NaN.
+Result run(const ref::DecodeCase& c, int64_t num_slots, int64_t part, bool even) {
+  const int64_t ns = (int64_t)c.seq_lens.size();
+  auto lens = qt::DevBuf::from(c.seq_lens), table = qt::DevBuf::from(c.table), q = qt::DevBuf::from(c.q);
+  qt::DevBuf plan((size_t)quillon_paged_decode_plan_elems(ns, num_slots) * 4);
+  qt::DevBuf ws((size_t)quillon_paged_decode_workspace_size(num_slots, c.q_rows));
+  qt::DevBuf out((size_t)(ns * c.q_stride * c.nq * c.hd * 2));
+  Result r;
+  EXPECT_EQ(quillon_paged_attn_decode_plan(lens.as<int32_t>(), plan.as<int32_t>(), ns, num_slots, part, even, nullptr),
+            hipSuccess);
+  if (c.int8) {
+    auto k = qt::DevBuf::from(c.k8), v = qt::DevBuf::from(c.v8), ks = qt::DevBuf::from(c.ks),
+         vs = qt::DevBuf::from(c.vs);
+    EXPECT_EQ(quillon_paged_attn_decode_int8(q.get(), lens.as<int32_t>(), k.get(), v.get(), ks.get(), vs.get(),
+                                             out.get(), table.as<int32_t>(), plan.as<int32_t>(), ns, c.row_stride,
+                                             num_slots, ws.get(), c.q_rows, 16, c.q_stride, 0, nullptr, c.scale),
+              hipSuccess);
+    sync_ok();
+  } else {
+    auto k = qt::DevBuf::from(c.k16), v = qt::DevBuf::from(c.v16);
+    EXPECT_EQ(quillon_paged_attn_decode(q.get(), lens.as<int32_t>(), k.get(), v.get(), out.get(), table.as<int32_t>(),
+                                        plan.as<int32_t>(), ns, c.row_stride, num_slots, ws.get(), c.q_rows, 16,
+                                        c.q_stride, 0, nullptr, c.scale),
+              hipSuccess);
+    sync_ok();
+  }
+  EXPECT_TRUE(out.guards_intact() && ws.guards_intact() && plan.guards_intact());
+  r.out = out.download<uint16_t>();
+  r.plan = plan.download<int32_t>();
+  r.ws = ws.download<float>();
+  return r;
+}
+
+// Bit-exact against the fixed order, and within the method's bound of the double softmax.
+void check(const ref::DecodeCase& c, const Result& r, int64_t num_slots, int64_t part, bool even) {
+  const ref::Plan plan = ref::decode_plan(c.seq_lens, c.nkv, num_slots, part, even);
+  ASSERT_EQ(r.plan, plan.flat());
+  EXPECT_BITS_EQ(r.out, ref::decode_exact(c, plan, kPoison));
+  std::vector<double> want, vmax;
+  ref::decode_double(c, want, vmax);
+  int bad = 0;
+  for (size_t i = 0; i < want.size() && bad < 5; ++i) {
+    if (r.out[i] == kPoison) continue;
+    const double got = qt::bf(r.out[i]), tol = 1.0 / 64 * vmax[i / c.hd] + 1e-6;
+    if (!(std::fabs(got - want[i]) <= tol)) ++bad, ADD_FAILURE() << "element " << i << ": " << got << " vs " << want[i];
+  }
+}
+
+TEST(PagedDecode, SizesAndSlots) {
+  for (const Geo& g : kGeos) {
+    if (!quillon::geometry_built(g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(g.id), 0);
+    const int64_t G = g.nq / g.nkv;
+    EXPECT_EQ(quillon_paged_decode_plan_elems(3, 40), 4 * 40 + 2 * 3 * g.nkv);
+    EXPECT_EQ(quillon_paged_decode_workspace_size(7, 3), 7 * 3 * G * (g.hd + 2) * 4);
+    EXPECT_EQ(quillon_paged_decode_num_slots(0), std::max<int64_t>(quillon::num_cus(), 1));
+    EXPECT_EQ(quillon_paged_decode_num_slots(1000), 1000 * g.nkv);
+  }
+  EXPECT_EQ(quillon_paged_decode_max_q_tokens(), 8);
+  EXPECT_EQ(quillon::draft_paged_decode_workspace_size(1, 1), 2080);
+}
+
+// Plans over lengths, slot counts, granularities and both modes.
+TEST(PagedDecode, PlanMatchesReference) {
+  QT_SELECT_GEOMETRY(1);
+  struct P {
+    std::vector<int32_t> lens;
+    int64_t slots, part;
+    bool even;
+  } cases[] = {
+      {{0}, 4, 128, false},                   // empty: one slot, the rest unused
+      {{1000, 10, 300}, 12, 128, false},      // one slot an item: cap = max_chunks
+      {{1000, 10, 300}, 40, 128, false},      // spare slots to the longest
+      {{100, 130}, 64, 16, false},            // more slots than chunks
+      {{5000, 1}, 11, 128, true},             // even split with a remainder
+      {{5000, 1, 77}, 25, 37, true},          // start >= end possible
+      {{257, 0, 4096, 33}, 40, 100, false},
+  };
+  for (const P& p : cases) {
+    const int64_t ns = (int64_t)p.lens.size();
+    auto lens = qt::DevBuf::from(p.lens);
+    qt::DevBuf plan((size_t)quillon_paged_decode_plan_elems(ns, p.slots) * 4);
+    ASSERT_EQ(quillon_paged_attn_decode_plan(lens.as<int32_t>(), plan.as<int32_t>(), ns, p.slots, p.part, p.even,
+                                             nullptr),
+              hipSuccess);
+    sync_ok();
+    EXPECT_EQ(plan.download<int32_t>(), ref::decode_plan(p.lens, 4, p.slots, p.part, p.even).flat())
+        << "slots " << p.slots << " part " << p.part;
+    EXPECT_TRUE(plan.guards_intact());
+  }
+}
+
+// Lengths at page and tile edges in one batch, every geometry and Q; a
+// request shorter than Q leaves its first rows with nothing to see (zeros).
+TEST(PagedDecode, Bf16EveryGeometryAndQ) {
+  qt::Rng rng(1601);
+  for (const Geo& g : kGeos) {
+    if (!quillon::geometry_built(g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(g.id), 0);
+    for (int64_t q = 1; q <= 8; ++q) {
+      SCOPED_TRACE(testing::Message() << "geometry " << g.id << " Q " << q);
+      const std::vector<int32_t> lens = q == 1 ? std::vector<int32_t>{0, 1, 15, 16, 17, 127, 128, 129}
+                                               : std::vector<int32_t>{(int32_t)(q / 2), 17, 129, (int32_t)(120 + q)};
+      const auto c = make_case(rng, g, q, lens, false);
+      const int64_t slots = (int64_t)lens.size() * g.nkv + 3;
+      check(c, run(c, slots, 128, false), slots, 128, false);
+    }
+  }
+}
+
+// Q 8 at lengths 128 and 256: tiles that end on a 128 boundary still need the
+// row mask; a long sequence over many partitions; odd granularities, even split.
+TEST(PagedDecode, RowMaskLongAndGranularity) {
+  qt::Rng rng(1602);
+  const Geo g = kGeos[0];
+  QT_SELECT_GEOMETRY(g.id);
+  {
+    const auto c = make_case(rng, g, 8, {128, 256}, false);
+    for (int64_t part : {128, 256}) check(c, run(c, 4, part, false), 4, part, false);
+  }
+  const auto c = make_case(rng, g, 2, {1500, 3}, false);
+  std::vector<uint16_t> first;
+  for (auto [part, even] : {std::pair<int64_t, bool>{128, false}, {37, false}, {200, true}, {100000, false}}) {
+    SCOPED_TRACE(testing::Message() << "part " << part << " even " << even);
+    const Result r = run(c, 24, part, even);
+    check(c, r, 24, part, even);
+    // Any granularity gives the same attention within rounding of the merge.
+    if (first.empty()) first = r.out;
+    for (size_t i = 0; i < first.size(); ++i)
+      ASSERT_NEAR(qt::bf(r.out[i]), qt::bf(first[i]), 1.0 / 128) << i;
+  }
+}
+
+// int8 pools with tiny and huge scales; doubling V scales doubles the output.
+TEST(PagedDecode, Int8Pools) {
+  qt::Rng rng(1603);
+  for (const Geo& g : kGeos) {
+    if (!quillon::geometry_built(g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(g.id), 0);
+    for (int64_t q : {1, 3, 8}) {
+      SCOPED_TRACE(testing::Message() << "geometry " << g.id << " Q " << q);
+      auto c = make_case(rng, g, q, {0, 16, 130, 300}, true, 0, q == 3 ? 1e-30f : 0.01f, q == 3 ? 4e-30f : 1e30f);
+      const int64_t slots = 4 * g.nkv + 5;
+      const Result r = run(c, slots, 64, false);
+      check(c, r, slots, 64, false);
+      for (auto& s : c.vs) s = qt::to_bf(2.0f * qt::bf(s));
+      const Result r2 = run(c, slots, 64, false);
+      for (size_t i = 0; i < r.out.size(); ++i)
+        if (r.out[i] != kPoison && std::isfinite(2.0f * qt::bf(r.out[i])))
+          ASSERT_EQ(qt::bf(r2.out[i]), 2.0f * qt::bf(r.out[i])) << i;
+    }
+  }
+}
+
+// Unused slots leave their workspace unread and unwritten; q_stride leaves the
+// rows between requests untouched; row_offset moves q and out.
+TEST(PagedDecode, UnusedSlotsStridesAndOffset) {
+  qt::Rng rng(1604);
+  const Geo g = kGeos[2];
+  QT_SELECT_GEOMETRY(g.id);
+  const auto c = make_case(rng, g, 2, {20, 40}, false, 5);
+  const int64_t slots = 64;
+  const Result r = run(c, slots, 128, false);
+  check(c, r, slots, 128, false);
+  const int64_t R = 2 * (g.nq / g.nkv);
+  for (int64_t j = 0; j < slots; ++j)
+    if (r.plan[j] < 0)
+      for (int64_t e = 0; e < R; ++e) ASSERT_TRUE(std::isnan(r.ws[j * R + e])) << "slot " << j;
+
+  // The same batch behind two tokens of something else.
+  const int64_t tok = g.nq * g.hd;
+  std::vector<uint16_t> q2(2 * tok, 0x3F80);
+  q2.insert(q2.end(), c.q.begin(), c.q.end());
+  auto lens = qt::DevBuf::from(c.seq_lens), table = qt::DevBuf::from(c.table), q = qt::DevBuf::from(q2);
+  auto k = qt::DevBuf::from(c.k16), v = qt::DevBuf::from(c.v16);
+  qt::DevBuf plan((size_t)quillon_paged_decode_plan_elems(2, slots) * 4), out(q2.size() * 2);
+  qt::DevBuf ws((size_t)quillon_paged_decode_workspace_size(slots, 2));
+  ASSERT_EQ(quillon_paged_attn_decode_plan(lens.as<int32_t>(), plan.as<int32_t>(), 2, slots, 128, 0, nullptr),
+            hipSuccess);
+  ASSERT_EQ(quillon_paged_attn_decode(q.get(), lens.as<int32_t>(), k.get(), v.get(), out.get(), table.as<int32_t>(),
+                                      plan.as<int32_t>(), 2, c.row_stride, slots, ws.get(), 2, 16, 5, 2, nullptr,
+                                      c.scale),
+            hipSuccess);
+  sync_ok();
+  const auto got = out.download<uint16_t>();
+  for (int64_t i = 0; i < 2 * tok; ++i) ASSERT_EQ(got[i], kPoison);
+  EXPECT_BITS_EQ(std::vector<uint16_t>(got.begin() + 2 * tok, got.end()), r.out);
+}
+
+// The draft shape: every row sees the whole history, Q up to 16.
+TEST(PagedDecode, DraftAllRowsSeeAll) {
+  qt::Rng rng(1605);
+  const Geo g{-1, 32, 8, 128};
+  for (int64_t q : {1, 4, 8, 16}) {
+    SCOPED_TRACE(testing::Message() << "Q " << q);
+    auto c = make_case(rng, g, q, {1, 33, 130}, false);
+    c.all_see = true;
+    const int64_t ns = 3, slots = ns * 8 + 2;
+    auto lens = qt::DevBuf::from(c.seq_lens), table = qt::DevBuf::from(c.table), qb = qt::DevBuf::from(c.q);
+    auto k = qt::DevBuf::from(c.k16), v = qt::DevBuf::from(c.v16);
+    qt::DevBuf plan((size_t)(4 * slots + 2 * ns * 8) * 4), out(c.q.size() * 2);
+    qt::DevBuf ws((size_t)quillon::draft_paged_decode_workspace_size(slots, q));
+    quillon::draft_paged_attn_decode_plan(lens.as<int32_t>(), plan.as<int32_t>(), ns, slots, 64, 0, nullptr);
+    quillon::draft_paged_attn_decode(qb.get(), k.get(), v.get(), out.get(), table.as<int32_t>(), plan.as<int32_t>(),
+                                     ns, c.row_stride, slots, ws.get(), q, 16, 0, 0, c.scale, nullptr);
+    sync_ok();
+    Result r{out.download<uint16_t>(), plan.download<int32_t>(), {}};
+    check(c, r, slots, 64, false);
+  }
+}
+
+TEST(PagedDecodeDeathTest, MessagesInOrder) {
+  QT_SELECT_GEOMETRY(1);
+  int32_t* p = nullptr;
+  const char* page = "KV page 32: this build has no paged instantiation for it (see quillon_kv_block_sizes)";
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode(p, p, p, p, p, p, p, 1, 1, 1, p, 9, 32, 0, 0, nullptr, 1.0f), page);
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_int8(p, p, p, p, p, p, p, p, p, 1, 1, 1, p, 0, 16, 0, 0, nullptr,
+                                                      1.0f),
+                       "paged decode takes 1..8 query rows (got 0)");
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode(p, p, p, p, p, p, p, 1, 1, 1, p, 9, 16, 0, 0, nullptr, 1.0f),
+                       "paged decode takes 1..8 query rows (got 9)");
+  // The slot count is checked before the request limit.
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_plan(p, p, 2000, 10, 128, 0, nullptr),
+                       "decode plan needs num_slots >= 8000 for 2000 requests (got 10); size it with "
+                       "paged_decode_num_slots()");
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_plan(p, p, 1025, 1 << 20, 128, 0, nullptr),
+                       "decode plan takes at most 1024 requests in one call (got 1025)");
+  if (quillon::geometry_built(0)) {
+    ASSERT_EQ(quillon_select_geometry(0), 0);
+    EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_plan(p, p, 2049, 1 << 20, 128, 0, nullptr),
+                         "decode plan takes at most 2048 requests in one call (got 2049)");
+  }
+  QT_SELECT_GEOMETRY(2);
+  const char* g2 = "geometry 2 does not carry this op; it belongs to a model family this build instantiates for "
+                   "other ids (see quillon_geometry_name)";
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode(p, p, p, p, p, p, p, 1, 1, 1, p, 1, 16, 0, 0, nullptr, 1.0f), g2);
+  EXPECT_QUILLON_FATAL(quillon_paged_attn_decode_plan(p, p, 1, 1, 128, 0, nullptr), g2);
+  EXPECT_QUILLON_FATAL((void)quillon_paged_decode_num_slots(1), g2);
+}
+
+TEST(PagedDecodeDeathTest, NoGeometrySelected) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const char* none = "no model geometry is selected; call quillon_select_geometry(id) once before any other entry point";
+  int32_t* p = nullptr;
+  EXPECT_QUILLON_FATAL((void)quillon_paged_decode_workspace_size(1, 1), none);
+  EXPECT_QUILLON_FATAL((void)quillon_paged_attn_decode_plan(p, p, 1, 4, 128, 0, nullptr), none);
+  EXPECT_QUILLON_FATAL((void)quillon_prefill_q_blocks(p, 0), none);
+  EXPECT_QUILLON_FATAL((void)quillon_paged_prefill_max_tokens(), none);
+}
+
+}  // namespace
