@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""The public header's declarations and a built library's exports must agree."""
+"""The public headers' declarations and a built library's exports must agree."""
 import re
 import subprocess
 import sys
 
 
-def declared(header):
-    text = open(header).read()
+def declared(headers):
+    text = "".join(open(h).read() for h in headers)
     return set(re.findall(r"QUILLON_API\s+[^;(]*?\b(quillon_\w+)\s*\(", text))
 
 
@@ -16,8 +16,8 @@ def exported(lib):
 
 
 def main():
-    header, lib = sys.argv[1], sys.argv[2]
-    d, e = declared(header), exported(lib)
+    headers, lib = sys.argv[1:-1], sys.argv[-1]
+    d, e = declared(headers), exported(lib)
     stray = sorted(x for x in e if not x.startswith("quillon_"))
     missing, undeclared = sorted(d - e), sorted(x for x in e - d if x.startswith("quillon_"))
     for name in missing:

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "quillon/quillon.h"
+#include "quillon/quillon_attn_mlp.h"
 #include "../device/geometry.h"
 #include "../norm/rmsnorm.h"
 #include "../rope/rope.h"
@@ -15,7 +16,6 @@
 #include "../gemm/gemm_entries.h"
 #include "../attention/full/attn_proj.h"
 #include "../mlp/mlp_dense.h"
-#include "pending_decls.h"
 #include "quillon/kquant_sets.h"
 
 using namespace quillon;

@@ -9,7 +9,7 @@
 #include <cstdlib>
 
 #include "attention/full/attn_proj.h"
-#include "capi/pending_decls.h"
+#include "quillon/quillon_attn_mlp.h"
 #include "common/device_math.h"
 #include "device/device_config.h"
 #include "gemm_core/gemm_fused_layout.h"

@@ -1,6 +1,10 @@
-// Declarations of the attention-projection and dense-MLP exports until they join quillon.h.
-#pragma once
-#include "quillon/quillon.h"
+/* Attention projections (geometries 0, 1, 3) and the dense MLP (geometry 1)
+ * of libquillon.so: the exported functions of these two families, on the
+ * records and conventions of quillon.h. */
+#ifndef QUILLON_ATTN_MLP_H
+#define QUILLON_ATTN_MLP_H
+#include "quillon.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -114,6 +118,8 @@ QUILLON_API hipError_t quillon_mlp_down_shuffle_w_fp8(const void* src, void* dst
 QUILLON_API hipError_t quillon_mlp_down_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
                                                          hipStream_t stream);
 
+
 #ifdef __cplusplus
 }
+#endif
 #endif
