@@ -525,6 +525,9 @@ TEST(LayerProjFailures, MessagesInOrder) {
   EXPECT_QUILLON_FATAL(quillon::attn_out_scale_oproj({2, 4, w.get(), w.get()}, x.get(), x.get(), 9216, sc.get(), out.get(), 1,
                                                      pj::PrefillShuffledA, nullptr),
                        "attn_out_scale_oproj_kquant takes no pre-shuffled A; pass Prefill or Decode");
+  // A norm reads rows: a pre-shuffled x goes only where no norm is asked for.
+  const quillon::QkvCall pre{x.get(), nullptr, x.get(), sc.get(), out.get(), 1, pj::PrefillShuffledA, nullptr, nullptr, nullptr, 0};
+  EXPECT_QUILLON_FATAL(quillon::qkv_proj_fp8(pre, w.get(), w.get()), "qkv_proj_fp8 takes no pre-shuffled A; pass Prefill or Decode");
   // The MLP belongs to geometry 1, sizing included; the format test comes first.
   const char* geo = "geometry 0 does not carry this op; it belongs to a model family this build instantiates for other "
                     "ids (see quillon_geometry_name)";

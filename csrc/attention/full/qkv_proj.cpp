@@ -22,11 +22,13 @@ int64_t max2(int64_t a, int64_t b) { return a > b ? a : b; }
 
 // A for the projections, and the scratch past the activation region for
 // their partials. At Prefill the A is written shuffled, so the projections
-// see PrefillShuffledA.
+// see PrefillShuffledA. A pre-shuffled x is taken as A only without a norm:
+// the norm reads rows.
 template <class G>
-ProjCall prepare(const QkvCall& q) {
+ProjCall prepare(const char* name, const QkvCall& q) {
   ProjCall c{q.x, q.out, q.M, q.mode, nullptr, static_cast<float*>(q.scratch), q.stream};
   if (q.mode != proj::Prefill && q.norm_w == nullptr) return c;
+  if (q.mode == proj::PrefillShuffledA) QUILLON_FATAL("%s takes no pre-shuffled A; pass Prefill or Decode", name);
   if (q.scratch == nullptr) QUILLON_FATAL("qkv_proj needs qkv_proj_scratch_bytes(M)");
   constexpr int64_t K = G::hidden_size;
   c.A = q.scratch;
@@ -43,11 +45,11 @@ ProjCall prepare(const QkvCall& q) {
 
 // Prepare, run the main projection(s), then the indexer's on the same A.
 template <class Main>
-void run_qkv(const QkvCall& q, Main&& main) {
+void run_qkv(const char* name, const QkvCall& q, Main&& main) {
   on_attn_geometry([&](auto g) {
     using G = decltype(g);
     if (q.M <= 0) return;
-    const ProjCall c = prepare<G>(q);
+    const ProjCall c = prepare<G>(name, q);
     main(c);
     if (q.index_w == nullptr) return;
     if constexpr (G::id != Qwen38FlashNext::id) QUILLON_FATAL("qkv_proj: this geometry has no indexer projection to run");
@@ -60,23 +62,23 @@ void run_qkv(const QkvCall& q, Main&& main) {
 }  // namespace
 
 void qkv_proj(const QkvCall& q, const void* w) {
-  run_qkv(q, [&](const ProjCall& c) { proj::qkv_proj(c, proj::bf16_w(w)); });
+  run_qkv("qkv_proj", q, [&](const ProjCall& c) { proj::qkv_proj(c, proj::bf16_w(w)); });
 }
 void qkv_proj_fp8(const QkvCall& q, const void* w, const void* w_scale) {
-  run_qkv(q, [&](const ProjCall& c) { proj::qkv_proj_fp8(c, proj::fp8_w(w, w_scale)); });
+  run_qkv("qkv_proj_fp8", q, [&](const ProjCall& c) { proj::qkv_proj_fp8(c, proj::fp8_w(w, w_scale)); });
 }
 void qkv_proj_kquant(const QkvCall& q, int32_t format, const void* quant, const void* meta) {
-  run_qkv(q, [&](const ProjCall& c) { proj::qkv_proj_kquant(c, proj::kquant_w(format, quant, meta)); });
+  run_qkv("qkv_proj_kquant", q, [&](const ProjCall& c) { proj::qkv_proj_kquant(c, proj::kquant_w(format, quant, meta)); });
 }
 void qkv_proj_pair_kquant(const QkvCall& q, int32_t format_qk, const void* qk_quant, const void* qk_meta,
                           int32_t format_v, const void* v_quant, const void* v_meta) {
-  run_qkv(q, [&](const ProjCall& c) {
+  run_qkv("qkv_proj_pair_kquant", q, [&](const ProjCall& c) {
     proj::qkv_proj_pair_kquant(c, proj::kquant_w(format_qk, qk_quant, qk_meta), proj::kquant_w(format_v, v_quant, v_meta));
   });
 }
 void qkv_proj_q_kv_kquant(const QkvCall& q, int32_t format_q, const void* q_quant, const void* q_meta,
                           const void* kv_w) {
-  run_qkv(q, [&](const ProjCall& c) {
+  run_qkv("qkv_proj_q_kv_kquant", q, [&](const ProjCall& c) {
     proj::qkv_proj_q_kv_kquant(c, proj::kquant_w(format_q, q_quant, q_meta), proj::bf16_w(kv_w));
   });
 }
