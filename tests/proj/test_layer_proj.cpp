@@ -450,6 +450,8 @@ TEST(LayerProjShuffles, FixedShapes) {
                          {0, quillon_attn_out_scale_oproj_shuffle_w, 2048, 4096, false},
                          {3, quillon_attn_out_scale_oproj_shuffle_w_fp8, 2560, 6144, true},
                          {1, quillon_mlp_gate_up_shuffle_w_fp8, 34816, 5120, true},
+                         {1, quillon_mlp_gate_up_shuffle_w, 34816, 5120, false},
+                         {1, quillon_mlp_down_shuffle_w_fp8, 5120, 17408, true},
                          {1, quillon_mlp_down_shuffle_w, 5120, 17408, false}};
   qt::Rng rng(9);
   for (const Dense& d : dense) {
