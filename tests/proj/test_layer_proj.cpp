@@ -502,6 +502,9 @@ TEST(LayerProjShuffles, FixedShapes) {
 
 // ---- failures -------------------------------------------------------------------------
 TEST(LayerProjFailures, MessagesInOrder) {
+  // The indexer's message comes after a launch: a forked child would have no
+  // device workers when the whole executable runs, so each case re-executes.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   QT_SELECT_GEOMETRY(0);
   qt::DevBuf x(33 * 2048 * 2), out(33 * 9216 * 2), w(9216 * 2048 * 2), sc(1 << 20);
   EXPECT_QUILLON_FATAL(quillon_qkv_proj(x.get(), nullptr, x.get(), w.get(), nullptr, out.get(), 1, 2, nullptr, nullptr, nullptr, 0),
