@@ -8,8 +8,8 @@ import subprocess
 import sys
 
 
-def declared(header):
-    text = open(header).read()
+def declared(headers):
+    text = "".join(open(h).read() for h in headers)
     return set(re.findall(r"QUILLON_API\s+[^;(]*?\b(quillon_\w+)\s*\(", text))
 
 

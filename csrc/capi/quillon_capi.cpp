@@ -18,6 +18,9 @@
 #include "../attention/linear/linear_attn.h"
 #include "../moe/router.h"
 #include "../gemm/moe_shuffle_weights_v2.h"
+#include "../attention/full/attn_proj.h"
+#include "../mlp/mlp_dense.h"
+#include "quillon/kquant_sets.h"
 
 using namespace quillon;
 
@@ -498,6 +501,260 @@ QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up_fused(int32_t format, 
 QUILLON_API hipError_t quillon_moe_lowbit_shuffle_down(int32_t format, const void* src, void* p0, void* p1, void* p2,
                                                        int64_t n, hipStream_t stream) {
   moe_lowbit_shuffle_down(format, src, p0, p1, p2, n, stream);
+  return hipGetLastError();
+}
+
+/* ---- attention projections ---- */
+}  // extern "C"
+namespace {
+constexpr int32_t kPrefill = 0, kDecode = 2;  // projection modes
+// The QKV entries take 2 as Decode and anything else as Prefill.
+QkvCall qkv_call(const void* x, void* residual, const void* norm_w, void* scratch, void* out, int64_t M,
+                 int32_t mode, const void* index_w, void* index_out, hipStream_t stream, float eps) {
+  return {x, residual, norm_w, scratch, out, M, mode == kDecode ? kDecode : kPrefill, index_w, index_out,
+          stream, eps};
+}
+int32_t nonzero_decode(int32_t mode) { return mode != 0 ? kDecode : kPrefill; }
+void known(int32_t format) { kq::require_format_id(QUILLON_HERE, format); }
+}  // namespace
+extern "C" {
+QUILLON_API int64_t quillon_qkv_proj_scratch_bytes(int64_t M) { return qkv_proj_scratch_bytes(M); }
+QUILLON_API hipError_t quillon_qkv_proj(const void* x, void* residual, const void* norm_w, const void* w, void* scratch,
+                                        void* out, int64_t M, int32_t mode, const void* index_w, void* index_out,
+                                        hipStream_t stream, float eps) {
+  qkv_proj(qkv_call(x, residual, norm_w, scratch, out, M, mode, index_w, index_out, stream, eps), w);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_fp8(const void* x, void* residual, const void* norm_w, const void* w,
+                                            const void* w_scale, void* scratch, void* out, int64_t M, int32_t mode,
+                                            const void* index_w, void* index_out, hipStream_t stream, float eps) {
+  qkv_proj_fp8(qkv_call(x, residual, norm_w, scratch, out, M, mode, index_w, index_out, stream, eps), w, w_scale);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_kquant(int32_t format, const void* x, void* residual, const void* norm_w,
+                                               const void* quant, const void* meta, void* scratch, void* out,
+                                               int64_t M, int32_t mode, const void* index_w, void* index_out,
+                                               hipStream_t stream, float eps) {
+  known(format);
+  qkv_proj_kquant(qkv_call(x, residual, norm_w, scratch, out, M, mode, index_w, index_out, stream, eps), format, quant,
+                  meta);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_pair_kquant(int32_t format_qk, int32_t format_v, const void* x,
+                                                    void* residual, const void* norm_w, const void* qk_quant,
+                                                    const void* qk_meta, const void* v_quant, const void* v_meta,
+                                                    void* scratch, void* out, int64_t M, int32_t mode,
+                                                    const void* index_w, void* index_out, hipStream_t stream,
+                                                    float eps) {
+  known(format_qk);
+  known(format_v);
+  qkv_proj_pair_kquant(qkv_call(x, residual, norm_w, scratch, out, M, mode, index_w, index_out, stream, eps),
+                       format_qk, qk_quant, qk_meta, format_v, v_quant, v_meta);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_q_kv_kquant(int32_t format_q, const void* x, void* residual,
+                                                    const void* norm_w, const void* q_quant, const void* q_meta,
+                                                    const void* kv_w, void* scratch, void* out, int64_t M,
+                                                    int32_t mode, const void* index_w, void* index_out,
+                                                    hipStream_t stream, float eps) {
+  known(format_q);
+  qkv_proj_q_kv_kquant(qkv_call(x, residual, norm_w, scratch, out, M, mode, index_w, index_out, stream, eps),
+                       format_q, q_quant, q_meta, kv_w);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  qkv_proj_shuffle_w(QkvPart::Fused, src, dst, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  qkv_proj_shuffle_w_fp8(src, dst, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                         hipStream_t stream) {
+  known(format);
+  qkv_proj_shuffle_w_kquant(QkvPart::Fused, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_qk_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                            hipStream_t stream) {
+  known(format);
+  qkv_proj_shuffle_w_kquant(QkvPart::Qk, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_v_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                           hipStream_t stream) {
+  known(format);
+  qkv_proj_shuffle_w_kquant(QkvPart::V, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_q_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                           hipStream_t stream) {
+  known(format);
+  qkv_proj_shuffle_w_kquant(QkvPart::Q, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_kv_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  qkv_proj_shuffle_w(QkvPart::Kv, src, dst, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_qkv_proj_index_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  qkv_proj_shuffle_w(QkvPart::Index, src, dst, stream);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_attn_out_scale_oproj_scratch_bytes(int64_t M) {
+  return attn_out_scale_oproj_scratch_bytes(M);
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj(const void* attn, const void* gate, int64_t gate_stride,
+                                                    const void* w, void* scratch, void* out, int64_t M, int32_t mode,
+                                                    hipStream_t stream) {
+  attn_out_scale_oproj({0, 0, w, nullptr}, attn, gate, gate_stride, scratch, out, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj_fp8(const void* attn, const void* gate, int64_t gate_stride,
+                                                        const void* w, const void* w_scale, void* scratch, void* out,
+                                                        int64_t M, int32_t mode, hipStream_t stream) {
+  attn_out_scale_oproj({1, 0, w, w_scale}, attn, gate, gate_stride, scratch, out, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj_kquant(int32_t format, const void* attn, const void* gate,
+                                                           int64_t gate_stride, const void* quant, const void* meta,
+                                                           void* scratch, void* out, int64_t M, int32_t mode,
+                                                           hipStream_t stream) {
+  known(format);
+  attn_out_scale_oproj({2, format, quant, meta}, attn, gate, gate_stride, scratch, out, M, nonzero_decode(mode),
+                       stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_oproj_shuffled_a(const void* a, const void* w, void* out, int64_t M,
+                                                     hipStream_t stream) {
+  attn_oproj_shuffled_a({0, 0, w, nullptr}, a, out, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_oproj_shuffled_a_fp8(const void* a, const void* w, const void* w_scale, void* out,
+                                                         int64_t M, hipStream_t stream) {
+  attn_oproj_shuffled_a({1, 0, w, w_scale}, a, out, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_oproj_shuffled_a_kquant(int32_t format, const void* a, const void* quant,
+                                                            const void* meta, void* out, int64_t M,
+                                                            hipStream_t stream) {
+  known(format);
+  attn_oproj_shuffled_a({2, format, quant, meta}, a, out, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  attn_out_scale_oproj_shuffle_w(0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  attn_out_scale_oproj_shuffle_w(1, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_attn_out_scale_oproj_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                     void* meta, hipStream_t stream) {
+  known(format);
+  attn_out_scale_oproj_shuffle_w(2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+
+/* ---- dense MLP ---- */
+QUILLON_API int64_t quillon_fused_mlp_workspace_bytes(int64_t M) { return fused_mlp_workspace_bytes(M); }
+QUILLON_API hipError_t quillon_fused_mlp(const void* x, const void* w_gate_up, const void* w_down, void* out, void* ws,
+                                         int64_t M, int32_t mode, hipStream_t stream) {
+  fused_mlp("fused_mlp", {0, 0, w_gate_up, nullptr}, nullptr, {0, 0, w_down, nullptr}, x, out, ws, M,
+            nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_mlp_fp8(const void* x, const void* w_gate_up, const void* s_gate_up,
+                                             const void* w_down, const void* s_down, void* out, void* ws, int64_t M,
+                                             int32_t mode, hipStream_t stream) {
+  fused_mlp("fused_mlp_fp8", {1, 0, w_gate_up, s_gate_up}, nullptr, {1, 0, w_down, s_down}, x, out, ws, M,
+            nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_mlp_kquant(int32_t format_gate_up, int32_t format_down, const void* x,
+                                                const void* gate_up_quant, const void* gate_up_meta,
+                                                const void* down_quant, const void* down_meta, void* out, void* ws,
+                                                int64_t M, int32_t mode, hipStream_t stream) {
+  known(format_gate_up);
+  known(format_down);
+  fused_mlp("fused_mlp_kquant", {2, format_gate_up, gate_up_quant, gate_up_meta}, nullptr,
+            {2, format_down, down_quant, down_meta}, x, out, ws, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_mlp_kquant_bf16_down(int32_t format_gate_up, const void* x,
+                                                          const void* gate_up_quant, const void* gate_up_meta,
+                                                          const void* w_down, void* out, void* ws, int64_t M,
+                                                          int32_t mode, hipStream_t stream) {
+  known(format_gate_up);
+  fused_mlp("fused_mlp_kquant_bf16_down", {2, format_gate_up, gate_up_quant, gate_up_meta}, nullptr,
+            {0, 0, w_down, nullptr}, x, out, ws, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_mlp_kquant_split(int32_t format_gate, int32_t format_up, int32_t format_down,
+                                                      const void* x, const void* gate_quant, const void* gate_meta,
+                                                      const void* up_quant, const void* up_meta,
+                                                      const void* down_quant, const void* down_meta, void* out,
+                                                      void* ws, int64_t M, int32_t mode, hipStream_t stream) {
+  known(format_gate);
+  known(format_up);
+  known(format_down);
+  const MlpWeight up{2, format_up, up_quant, up_meta};
+  fused_mlp("fused_mlp_kquant_split", {2, format_gate, gate_quant, gate_meta}, &up,
+            {2, format_down, down_quant, down_meta}, x, out, ws, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_mlp_kquant_split_bf16_down(int32_t format_gate, int32_t format_up, const void* x,
+                                                                const void* gate_quant, const void* gate_meta,
+                                                                const void* up_quant, const void* up_meta,
+                                                                const void* w_down, void* out, void* ws, int64_t M,
+                                                                int32_t mode, hipStream_t stream) {
+  known(format_gate);
+  known(format_up);
+  const MlpWeight up{2, format_up, up_quant, up_meta};
+  fused_mlp("fused_mlp_kquant_split_bf16_down", {2, format_gate, gate_quant, gate_meta}, &up, {0, 0, w_down, nullptr},
+            x, out, ws, M, nonzero_decode(mode), stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_gate_up_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  mlp_shuffle_w(MlpPart::GateUp, 0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_gate_up_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  mlp_shuffle_w(MlpPart::GateUp, 1, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_gate_up_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                            hipStream_t stream) {
+  known(format);
+  mlp_shuffle_w(MlpPart::GateUp, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_gate_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                         hipStream_t stream) {
+  known(format);
+  mlp_shuffle_w(MlpPart::Gate, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_up_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                       hipStream_t stream) {
+  known(format);
+  mlp_shuffle_w(MlpPart::Up, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_down_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  mlp_shuffle_w(MlpPart::Down, 0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_down_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  mlp_shuffle_w(MlpPart::Down, 1, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_mlp_down_shuffle_w_kquant(int32_t format, const void* src, void* quant, void* meta,
+                                                         hipStream_t stream) {
+  known(format);
+  mlp_shuffle_w(MlpPart::Down, 2, format, src, quant, meta, stream);
   return hipGetLastError();
 }
 

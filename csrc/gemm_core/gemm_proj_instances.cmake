@@ -7,6 +7,9 @@
 #     format (see QUILLON_PROJ_FUSED_TABLE below);
 #   - the named entries with their scratch functions, and the header that
 #     declares them and keeps the shapes from being instantiated elsewhere.
+# A row ending in "@ops" is declared in quillon_gen/proj_named_ops.h instead:
+# the operators that call it include that header, and the fused units, which
+# do not, keep their preprocessed text (and their cache entries).
 # QUILLON_PROJ_GEOMETRIES bounds which geometries are instantiated; a name
 # called at any other geometry fails with the geometry message.
 # Sets QUILLON_PROJ_INSTANCE_SOURCES, heaviest units first: ninja starts them in
@@ -34,6 +37,12 @@ set(QUILLON_PROJ_TABLE
   "qkv_proj_kv bf16 Qwen36MoeA3B:2048:1024 Qwen3627B:5120:2048 Qwen38FlashNext:2560:1024"
   "mlp_gate_kquant kquant Qwen3627B:5120:17408"
   "mlp_up_kquant kquant Qwen3627B:5120:17408"
+  "mlp_gate_up bf16 Qwen3627B:5120:34816 @ops"
+  "mlp_gate_up_fp8 fp8 Qwen3627B:5120:34816 @ops"
+  "mlp_gate_up_kquant kquant Qwen3627B:5120:34816 @ops"
+  "mlp_swiglu_down bf16 Qwen3627B:17408:5120 @ops"
+  "mlp_swiglu_down_fp8 fp8 Qwen3627B:17408:5120 @ops"
+  "mlp_swiglu_down_kquant kquant Qwen3627B:17408:5120 @ops"
 )
 # The fused decode launches (gemm_proj_fused.h): each exists at the geometries
 # where the named projection beside it has a shape, one unit per format of its
@@ -63,6 +72,9 @@ set(_proj_units "")
 set(_proj_decls "")
 set(_proj_externs "")
 set(_proj_defs "")
+set(_ops_externs "")
+set(_ops_decls "")
+set(_ops_defs "")
 
 function(_quillon_proj_form form out)
   if(form STREQUAL "bf16")
@@ -77,6 +89,11 @@ endfunction()
 foreach(row IN LISTS QUILLON_PROJ_TABLE)
   string(REPLACE " " ";" row "${row}")
   list(POP_FRONT row NAME FORM)
+  set(_grp proj)
+  if("@ops" IN_LIST row)
+    list(REMOVE_ITEM row "@ops")
+    set(_grp ops)
+  endif()
   _quillon_proj_form(${FORM} FORM_T)
   set(_ats "")
   set(_shape "")
@@ -110,7 +127,7 @@ foreach(row IN LISTS QUILLON_PROJ_TABLE)
     foreach(w IN LISTS _ws)
       string(REGEX REPLACE "[^A-Za-z0-9]+" "_" tag "${w}")
       set(SHAPE "ProjShape<gemm_core::${w}, ${K}, ${N}>")
-      string(APPEND _proj_externs "extern template struct ${SHAPE};\n")
+      string(APPEND _${_grp}_externs "extern template struct ${SHAPE};\n")
       # Shapes of one weight form and K share their kernels (N is not part of
       # a Config but for fp8, whose tag carries it): one unit compiles them once.
       set(ukey "${tag}_${K}")
@@ -123,10 +140,10 @@ foreach(row IN LISTS QUILLON_PROJ_TABLE)
   endforeach()
   # A name with no geometry in this build still exists: it fails with the
   # geometry message.
-  string(APPEND _proj_decls "constexpr KN ${NAME}_shape(int32_t g) { (void)g; return ${_shape}KN{0, 0}; }\n")
-  string(APPEND _proj_decls "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w);\nint64_t ${NAME}_scratch_bytes(int64_t M);\n")
-  string(APPEND _proj_defs "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w) {\n  run_named<${FORM_T}>(\"${NAME}\", c, w${_ats});\n}\n")
-  string(APPEND _proj_defs "int64_t ${NAME}_scratch_bytes(int64_t M) { return scratch_named(M${_ats}); }\n")
+  string(APPEND _${_grp}_decls "constexpr KN ${NAME}_shape(int32_t g) { (void)g; return ${_shape}KN{0, 0}; }\n")
+  string(APPEND _${_grp}_decls "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w);\nint64_t ${NAME}_scratch_bytes(int64_t M);\n")
+  string(APPEND _${_grp}_defs "void ${NAME}(const ProjCall& c, const ${FORM_T}::Weight& w) {\n  run_named<${FORM_T}>(\"${NAME}\", c, w${_ats});\n}\n")
+  string(APPEND _${_grp}_defs "int64_t ${NAME}_scratch_bytes(int64_t M) { return scratch_named(M${_ats}); }\n")
 endforeach()
 
 foreach(ukey IN LISTS _proj_units)
@@ -213,6 +230,27 @@ file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
 
 namespace quillon::proj {
 @_proj_defs@
+}  // namespace quillon::proj
+")
+list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})
+file(CONFIGURE OUTPUT ${_proj_dir}/quillon_gen/proj_named_ops.h @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named
+// projections of the rows marked @ops, for the operators that call them.
+#pragma once
+#include \"gemm_core/gemm_entry_proj.h\"
+
+namespace quillon::proj {
+@_ops_externs@
+@_ops_decls@
+}  // namespace quillon::proj
+")
+set(_out ${_proj_dir}/proj/proj_named_ops.cpp)
+file(CONFIGURE OUTPUT ${_out} @ONLY CONTENT
+"// Generated from csrc/gemm_core/gemm_proj_instances.cmake: the named entries of the @ops rows.
+#include \"quillon_gen/proj_named_ops.h\"
+
+namespace quillon::proj {
+@_ops_defs@
 }  // namespace quillon::proj
 ")
 list(APPEND QUILLON_PROJ_INSTANCE_SOURCES ${_out})

@@ -28,13 +28,14 @@ inline int want_splits(int64_t N, int64_t K, int64_t p2) {
   return s;
 }
 
-// Rows 0..127 of the source are columns 0..127, rows 128..255 the last tile.
-inline int64_t col_of(int64_t j, int64_t N) { return j < 128 ? j : N - 256 + j; }
+// Rows 0..127 of the source are columns first..first + 127 (a whole tile,
+// 0 by default), rows 128..255 the last tile.
+inline int64_t col_of(int64_t j, int64_t N, int64_t first = 0) { return j < 128 ? first + j : N - 256 + j; }
 
 struct Weight {
   int form = 0;  // 0 bf16, 1 fp8, 2 k-quant
   int format = 0;
-  int64_t N = 0, K = 0;
+  int64_t N = 0, K = 0, first = 0;
   qt::DevBuf b0, b1;
   std::vector<float> decode_w, prefill_w;  // [256, K], the values each path multiplies by
   const uint16_t* bf16() const { return b0.as<uint16_t>(); }
@@ -42,13 +43,13 @@ struct Weight {
   pj::FormKQuant::Weight kquant() const { return {format, {b0.as<uint32_t>(), b1.as<uint8_t>()}}; }
 };
 
-inline Weight bf16_weight(int64_t N, int64_t K, qt::Rng& rng) {
+inline Weight bf16_weight(int64_t N, int64_t K, qt::Rng& rng, int64_t first = 0) {
   Weight w;
-  w.N = N, w.K = K;
+  w.N = N, w.K = K, w.first = first;
   const auto src = gt::int_bf16(rng, (size_t)(256 * K), -3, 3);
   std::vector<uint16_t> big((size_t)(N * K), 0);
   for (int64_t j = 0; j < 256; ++j)
-    for (int64_t k = 0; k < K; ++k) big[(size_t)(gc::blk32_b_offset(col_of(j, N), k, N) / 2)] = src[(size_t)(j * K + k)];
+    for (int64_t k = 0; k < K; ++k) big[(size_t)(gc::blk32_b_offset(col_of(j, N, first), k, N) / 2)] = src[(size_t)(j * K + k)];
   w.b0 = qt::DevBuf::from(big);
   w.decode_w = w.prefill_w = gt::floats_of(src);
   return w;
@@ -56,16 +57,16 @@ inline Weight bf16_weight(int64_t N, int64_t K, qt::Rng& rng) {
 
 // Exact: exponents 7..10 and scales 1..8 keep every sum of integer rows
 // within fp32's 24 bits.
-inline Weight fp8_weight(int64_t N, int64_t K, qt::Rng& rng) {
+inline Weight fp8_weight(int64_t N, int64_t K, qt::Rng& rng, int64_t first = 0) {
   Weight w;
-  w.form = 1, w.N = N, w.K = K;
+  w.form = 1, w.N = N, w.K = K, w.first = first;
   std::vector<uint8_t> bytes((size_t)(N * K), 0);
   std::vector<uint16_t> scales((size_t)(K / 128 * (N / 128)), 0);
   for (auto& s : scales) s = (uint16_t)((127 + rng.integer(0, 3)) << 7);
   w.decode_w.resize((size_t)(256 * K));
   w.prefill_w.resize((size_t)(256 * K));
   for (int64_t j = 0; j < 256; ++j) {
-    const int64_t n = col_of(j, N);
+    const int64_t n = col_of(j, N, first);
     for (int64_t k = 0; k < K; ++k) {
       const uint8_t x = (uint8_t)((rng.integer(0, 1) << 7) | (rng.integer(7, 10) << 3) | rng.integer(0, 7));
       bytes[(size_t)gc::blk32_fp8_offset(n, k, N)] = x;
@@ -81,9 +82,9 @@ inline Weight fp8_weight(int64_t N, int64_t K, qt::Rng& rng) {
 
 // The planes of a 256-row tensor, moved to the rows of the two tiles of an
 // N-row tensor: quant rows at (group * N + n), meta tiles at (sb * N / 32 + n / 32).
-inline Weight kquant_weight(int F, int64_t N, int64_t K, uint64_t seed) {
+inline Weight kquant_weight(int F, int64_t N, int64_t K, uint64_t seed, int64_t first = 0) {
   Weight w;
-  w.form = 2, w.format = F, w.N = N, w.K = K;
+  w.form = 2, w.format = F, w.N = N, w.K = K, w.first = first;
   const auto src = gt::gguf_tensor(F, 256, K, seed);
   w.decode_w = w.prefill_w = gt::floats_of(ref::kquant_dequant(F, src, 256, K));
   gt::Planes small = gt::shuffle_kquant(F, src, 256, K);
@@ -92,10 +93,10 @@ inline Weight kquant_weight(int F, int64_t N, int64_t K, uint64_t seed) {
   std::vector<uint8_t> bq((size_t)quillon_kquant_quant_bytes(F, N, K), 0), bm((size_t)quillon_kquant_meta_bytes(F, N, K), 0);
   for (int64_t g = 0; g < K / 32; ++g)
     for (int64_t j = 0; j < 256; ++j)
-      std::memcpy(&bq[(size_t)((g * N + col_of(j, N)) * rb)], &q[(size_t)((g * 256 + j) * rb)], (size_t)rb);
+      std::memcpy(&bq[(size_t)((g * N + col_of(j, N, first)) * rb)], &q[(size_t)((g * 256 + j) * rb)], (size_t)rb);
   for (int64_t sb = 0; sb < (K + 255) / 256; ++sb)
     for (int64_t t = 0; t < 8; ++t)
-      std::memcpy(&bm[(size_t)((sb * (N / 32) + col_of(t * 32, N) / 32) * mt)], &m[(size_t)((sb * 8 + t) * mt)], (size_t)mt);
+      std::memcpy(&bm[(size_t)((sb * (N / 32) + col_of(t * 32, N, first) / 32) * mt)], &m[(size_t)((sb * 8 + t) * mt)], (size_t)mt);
   w.b0 = qt::DevBuf::from(bq);
   w.b1 = qt::DevBuf::from(bm);
   return w;
@@ -111,10 +112,10 @@ inline Weight one_tile_bf16(int64_t K, qt::Rng& rng) {
 }
 
 // The live columns of C.
-inline std::vector<uint16_t> live(const std::vector<uint16_t>& C, int64_t M, int64_t N) {
+inline std::vector<uint16_t> live(const std::vector<uint16_t>& C, int64_t M, int64_t N, int64_t first = 0) {
   std::vector<uint16_t> r((size_t)(M * 256));
   for (int64_t m = 0; m < M; ++m)
-    for (int64_t j = 0; j < 256; ++j) r[(size_t)(m * 256 + j)] = C[(size_t)(m * N + col_of(j, N))];
+    for (int64_t j = 0; j < 256; ++j) r[(size_t)(m * 256 + j)] = C[(size_t)(m * N + col_of(j, N, first))];
   return r;
 }
 
@@ -125,7 +126,7 @@ inline std::vector<uint16_t> live(const std::vector<uint16_t>& C, int64_t M, int
 inline void expect_arm(const std::vector<uint16_t>& C, const std::vector<float>& A, const Weight& w, bool decode,
                        int64_t M, bool exact) {
   const auto& W = decode ? w.decode_w : w.prefill_w;
-  const auto got = live(C, M, w.N);
+  const auto got = live(C, M, w.N, w.first);
   const auto want = ref::gemm(A, W, M, 256, w.K);
   if (exact && w.form != 2) EXPECT_BITS_EQ(got, gt::expect_bf16(want));
   else EXPECT_EQ(gt::count_outside(gt::widen(got), want, ref::gemm_abs(A, W, M, 256, w.K), w.K, true), 0);
