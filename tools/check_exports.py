@@ -20,7 +20,7 @@ def exported(lib):
 
 def main():
     headers, lib = sys.argv[1:-1], sys.argv[-1]
-    d, e = set().union(*(declared(h) for h in headers)), exported(lib)
+    d, e = declared(headers), exported(lib)
     stray = sorted(x for x in e if not x.startswith("quillon_"))
     missing, undeclared = sorted(d - e), sorted(x for x in e - d if x.startswith("quillon_"))
     for name in missing:
