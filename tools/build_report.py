@@ -22,6 +22,8 @@ FAMILIES = [
     (r"generated/proj/proj_", "proj shapes"),
     (r"generated/embedding/lm_head_", "lm head"),
     (r"generated/gemm/", "gemm k-quant"),
+    (r"attention/linear/", "linear attention"),
+    (r"attention/full/", "full attention"),
     (r"^tests/", "tests"),
     (r"^bench/", "bench"),
     (r"^tools/|gemm_isa_probe", "isa probes"),
