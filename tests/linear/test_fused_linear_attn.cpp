@@ -25,30 +25,24 @@ struct Weight {
 using Shuffle = hipError_t (*)(const void*, void*, hipStream_t);
 using ShuffleK = hipError_t (*)(int32_t, const void*, void*, void*, hipStream_t);
 
-Weight bf16_w(qt::Rng& rng, int64_t N, int64_t K, Shuffle sh, float r) {
-  const u16v src = rng.bf16s((size_t)(N * K), -r, r);
-  Weight w{qt::DevBuf::from(src), {}, gt::floats_of(src), N};
-  qt::DevBuf d(src.size() * 2);
-  EXPECT_EQ(sh(w.b0.get(), d.get(), nullptr), hipSuccess);
-  w.b0 = std::move(d);
-  return w;
-}
-// e4m3 bytes of magnitude 2^-6 .. 2^-3 with block scales 1 or 2, the scale
-// table already in its [K/128][N/128] order.
-Weight fp8_w(qt::Rng& rng, int64_t N, int64_t K, Shuffle sh) {
-  std::vector<uint8_t> src((size_t)(N * K));
+// bf16 in [-0.05, 0.05], or e4m3 bytes of magnitude 2^-6 .. 2^-3 with block
+// scales 1 or 2 (the scale table already in its [K/128][N/128] order).
+Weight dense_w(qt::Rng& rng, int64_t N, int64_t K, Shuffle sh, bool fp8 = false) {
+  Weight w{{}, {}, std::vector<float>((size_t)(N * K)), N};
+  std::vector<uint8_t> src((size_t)(N * K * (fp8 ? 1 : 2)));
   std::vector<uint16_t> sc((size_t)(N / 128 * (K / 128)));
   for (auto& s : sc) s = (uint16_t)((127 + rng.integer(0, 1)) << 7);
-  Weight w{qt::DevBuf::from(src), qt::DevBuf::from(sc), std::vector<float>(src.size()), N};
-  for (int64_t n = 0; n < N; ++n)
-    for (int64_t k = 0; k < K; ++k) {
-      const uint8_t x = src[(size_t)(n * K + k)] = (uint8_t)((rng.integer(0, 1) << 7) | (rng.integer(1, 4) << 3) | rng.integer(0, 7));
-      w.w[(size_t)(n * K + k)] = ref::fp8_weight(x) * ref::bf16_value(sc[(size_t)((k / 128) * (N / 128) + n / 128)]);
-    }
-  w.b0.upload(src);
-  qt::DevBuf d(src.size());
-  EXPECT_EQ(sh(w.b0.get(), d.get(), nullptr), hipSuccess);
-  w.b0 = std::move(d);
+  for (int64_t i = 0; i < N * K; ++i) {
+    const int64_t n = i / K, k = i % K;
+    const uint8_t x = (uint8_t)((rng.integer(0, 1) << 7) | (rng.integer(1, 4) << 3) | rng.integer(0, 7));
+    const uint16_t h = qt::to_bf(rng.uniform(-0.05f, 0.05f));
+    if (fp8) src[(size_t)i] = x;
+    else std::memcpy(&src[(size_t)(2 * i)], &h, 2);
+    w.w[(size_t)i] = fp8 ? ref::fp8_weight(x) * ref::bf16_value(sc[(size_t)((k / 128) * (N / 128) + n / 128)]) : qt::bf(h);
+  }
+  qt::DevBuf s = qt::DevBuf::from(src);
+  w.b0 = qt::DevBuf(src.size()), w.b1 = qt::DevBuf::from(sc);
+  EXPECT_EQ(sh(s.get(), w.b0.get(), nullptr), hipSuccess);
   return w;
 }
 Weight kquant_w(int F, int64_t N, int64_t K, ShuffleK sh, uint64_t seed) {
@@ -80,18 +74,18 @@ struct Layer {
     qt::Rng rng(seed);
     H = geo.id == 0 ? 2048 : geo.id == 1 ? 5120 : 2560;
     CONV = geo.conv, HV = geo.hv, VD = HV * 128, QKVZ = CONV + VD, ROW = QKVZ + 128;
-    if (f.in == 0) in.push_back(bf16_w(rng, ROW, H, quillon_linear_in_proj_shuffle_w, 0.05f));
-    if (f.in == 1) in.push_back(fp8_w(rng, QKVZ, H, quillon_linear_in_proj_qz_shuffle_w_fp8));
+    if (f.in == 0) in.push_back(dense_w(rng, ROW, H, quillon_linear_in_proj_shuffle_w));
+    if (f.in == 1) in.push_back(dense_w(rng, QKVZ, H, quillon_linear_in_proj_qz_shuffle_w_fp8, true));
     if (f.in == 2) in.push_back(kquant_w(f.f0, QKVZ, H, quillon_linear_in_proj_qz_shuffle_w_kquant, seed));
     if (f.in == 3) {
       in.push_back(kquant_w(f.f0, CONV, H, quillon_linear_in_proj_qkv_shuffle_w_kquant, seed));
       in.push_back(kquant_w(f.f1, VD, H, quillon_linear_in_proj_z_shuffle_w_kquant, seed + 1));
     }
-    if (f.in != 0) in.push_back(bf16_w(rng, 128, H, quillon_linear_in_proj_ba_shuffle_w, 0.05f));
+    if (f.in != 0) in.push_back(dense_w(rng, 128, H, quillon_linear_in_proj_ba_shuffle_w));
     for (size_t i = 1; i < in.size(); ++i) in[i].off = in[i - 1].off + in[i - 1].N;  // times M at use
-    if (f.in == 1) out = fp8_w(rng, H, VD, quillon_linear_out_proj_shuffle_w_fp8);
+    if (f.in == 1) out = dense_w(rng, H, VD, quillon_linear_out_proj_shuffle_w_fp8, true);
     else if (f.out == 2) out = kquant_w(f.f1, H, VD, quillon_linear_out_proj_shuffle_w_kquant, seed + 2);
-    else out = bf16_w(rng, H, VD, quillon_linear_out_proj_shuffle_w, 0.05f);
+    else out = dense_w(rng, H, VD, quillon_linear_out_proj_shuffle_w);
     conv_w = rng.bf16s((size_t)(CONV * 4), -1.f, 1.f);
     norm_w = rng.bf16s((size_t)128, 0.5f, 1.5f);
     a_log = rng.floats((size_t)HV, -2.f, 1.f);
