@@ -93,22 +93,15 @@ struct Layer {
     d_conv_w = qt::DevBuf::from(conv_w), d_norm_w = qt::DevBuf::from(norm_w);
     d_a_log = qt::DevBuf::from(a_log), d_dt_bias = qt::DevBuf::from(dt_bias);
   }
-
 };
 
 // Everything of a call but the weights.
 struct Call {
   const void *x = nullptr, *input_norm = nullptr;
-  void* residual = nullptr;
-  const int32_t *cu = nullptr, *has = nullptr, *slots = nullptr, *accepted = nullptr;
-  void* conv_state = nullptr;
-  float* delta_state = nullptr;
-  const int32_t *ckpt_at = nullptr, *ckpt_slots = nullptr;
+  const int32_t *cu = nullptr, *has = nullptr, *slots = nullptr, *accepted = nullptr, *ckpt_at = nullptr, *ckpt_slots = nullptr;
+  void *residual = nullptr, *conv_state = nullptr, *ckpt_conv = nullptr, *ws = nullptr, *out = nullptr;
+  float *delta_state = nullptr, *ckpt_delta = nullptr;
   int64_t ckpt_max = 0;
-  void* ckpt_conv = nullptr;
-  float* ckpt_delta = nullptr;
-  void* ws = nullptr;
-  void* out = nullptr;
   int64_t B = 1, M = 0;
   int32_t path = 2;
   LinearAttnRetain retain{{nullptr, nullptr, nullptr}};
@@ -151,41 +144,28 @@ void expect_gemm(const std::vector<float>& A, const Weight& W, const u16v& C, in
   EXPECT_EQ(gt::count_outside(gt::widen(C), ref::gemm(A, W.w, M, W.N, K), ref::gemm_abs(A, W.w, M, W.N, K), K, true), 0);
 }
 
-// The projection region read back: each arm's rows, then per token the conv
-// input row, z row and logits (b then a, stride 2*HV) as the rest of the layer
-// reads them.
+// Per token the conv input row, z row and logits (b then a) where the
+// layer's form put them in the projection region P of M rows.
 struct InRows {
   u16v qkv, z, ba;
 };
+InRows split_rows(const Layer& L, const u16v& P, int64_t M, int form) {
+  InRows r{u16v((size_t)(M * L.CONV)), u16v((size_t)(M * L.VD)), u16v((size_t)(M * 2 * L.HV))};
+  const int64_t qs = form == 0 ? L.ROW : form == 3 ? L.CONV : L.QKVZ, bs = form == 0 ? L.ROW : 128;
+  for (int64_t t = 0; t < M; ++t) {
+    const int64_t z = form == 3 ? M * L.CONV + t * L.VD : t * qs + L.CONV, b = form == 0 ? t * L.ROW + L.QKVZ : M * L.QKVZ + t * bs;
+    std::copy_n(&P[(size_t)(t * qs)], L.CONV, &r.qkv[(size_t)(t * L.CONV)]);
+    std::copy_n(&P[(size_t)z], L.VD, &r.z[(size_t)(t * L.VD)]);
+    std::copy_n(&P[(size_t)b], 2 * L.HV, &r.ba[(size_t)(t * 2 * L.HV)]);
+  }
+  return r;
+}
+// Each arm of the in-projection against A, then the rows.
 InRows check_in_proj(const Layer& L, const std::vector<float>& A, const u16v& P, int64_t M) {
-  InRows r{u16v((size_t)(M * L.CONV)), u16v((size_t)(M * L.VD)), u16v((size_t)(M * 2 * L.HV))};
-  std::vector<u16v> arm;
-  for (const Weight& w : L.in) {
-    arm.emplace_back(P.begin() + M * w.off, P.begin() + M * (w.off + w.N));
-    expect_gemm(A, w, arm.back(), M, L.H);
-  }
-  const int64_t qs = L.in[0].N, zs = L.form.in == 3 ? L.VD : qs;  // row strides
-  const u16v& zarm = arm[L.form.in == 3 ? 1 : 0];
-  const u16v& barm = arm.back();
-  const int64_t bs = barm.size() / M, b0 = L.form.in == 0 ? L.QKVZ : 0, z0 = L.form.in == 3 ? 0 : L.CONV;
-  for (int64_t t = 0; t < M; ++t) {
-    std::copy_n(&arm[0][(size_t)(t * qs)], L.CONV, &r.qkv[(size_t)(t * L.CONV)]);
-    std::copy_n(&zarm[(size_t)(t * zs + z0)], L.VD, &r.z[(size_t)(t * L.VD)]);
-    std::copy_n(&barm[(size_t)(t * bs + b0)], 2 * L.HV, &r.ba[(size_t)(t * 2 * L.HV)]);
-  }
-  return r;
+  for (const Weight& w : L.in) expect_gemm(A, w, u16v(P.begin() + M * w.off, P.begin() + M * (w.off + w.N)), M, L.H);
+  return split_rows(L, P, M, L.form.in);
 }
-
-// Rows of the fused form (stride ROW) as the layer reads them.
-InRows fused_rows(const Layer& L, const u16v& P, int64_t M) {
-  InRows r{u16v((size_t)(M * L.CONV)), u16v((size_t)(M * L.VD)), u16v((size_t)(M * 2 * L.HV))};
-  for (int64_t t = 0; t < M; ++t) {
-    std::copy_n(&P[(size_t)(t * L.ROW)], L.CONV, &r.qkv[(size_t)(t * L.CONV)]);
-    std::copy_n(&P[(size_t)(t * L.ROW + L.CONV)], L.VD, &r.z[(size_t)(t * L.VD)]);
-    std::copy_n(&P[(size_t)(t * L.ROW + L.QKVZ)], 2 * L.HV, &r.ba[(size_t)(t * 2 * L.HV)]);
-  }
-  return r;
-}
+InRows fused_rows(const Layer& L, const u16v& P, int64_t M) { return split_rows(L, P, M, 0); }
 
 // Pools of conv windows and delta states as the references keep them.
 struct Pools {
@@ -227,24 +207,17 @@ Ref decode_ref(const Layer& L, const InRows& in, int64_t B, int64_t rows, const 
   return r;
 }
 
-// Workspace regions, as elements of the downloaded buffer.
-struct Ws {
-  u16v all;
-  int64_t M;
-  const Layer* L;
-  u16v region(int i, int64_t width) const {
-    const int64_t w[3] = {L->ROW, L->CONV, L->VD};
-    int64_t at = 0;
-    for (int k = 0; k < i; ++k) at += M * w[k];
-    return u16v(all.begin() + at, all.begin() + at + M * width);
-  }
-};
+// Workspace region i (projection, conv, delta-rule rows) of M rows.
+u16v region(const u16v& ws, const Layer& L, int64_t M, int i) {
+  const int64_t at = i == 0 ? 0 : i == 1 ? M * L.ROW : M * (L.ROW + L.CONV), w = i == 0 ? L.ROW : i == 1 ? L.CONV : L.VD;
+  return u16v(ws.begin() + at, ws.begin() + at + M * w);
+}
 
 // Per-row decode of two sequences (accepted 1 and 2 in the step before, a
 // permuted slot table) in every weight form, one with the input norm and its
 // residual; then the same step retained: same outputs, pools untouched
-// byte for byte, and the advance over 0, 1 and 2 rows gives what the per-row
-// decode left after those rows.
+// byte for byte, and the advance over 0 rows and 1 row gives what the
+// per-row decode left after that many rows.
 TEST(FusedLinearAttn, DecodeFormsRetainAndAdvance) {
   const struct {
     int gi;
@@ -290,12 +263,12 @@ TEST(FusedLinearAttn, DecodeFormsRetainAndAdvance) {
       EXPECT_BITS_EQ(dres.download<uint16_t>(), sum);
       A = gt::floats_of(ref::norm_rows(gt::floats_of(sum), (int)L.H, M, nw.data(), 1e-5f, {}));
     }
-    const Ws w{ws.download<uint16_t>(), M, &L};
-    const InRows in = check_in_proj(L, A, w.region(0, L.ROW), M);
+    const u16v w = ws.download<uint16_t>();
+    const InRows in = check_in_proj(L, A, region(w, L, M, 0), M);
     Pools want = pools;
     const Ref r = decode_ref(L, in, B, rows, committed, &table, want);
-    EXPECT_BITS_EQ(w.region(1, L.CONV), r.conv);
-    EXPECT_BITS_EQ(w.region(2, L.VD), r.gated);
+    EXPECT_BITS_EQ(region(w, L, M, 1), r.conv);
+    EXPECT_BITS_EQ(region(w, L, M, 2), r.gated);
     expect_gemm(gt::floats_of(r.gated), L.out, out.download<uint16_t>(), M, L.VD);
     EXPECT_BITS_EQ(dconv.download<uint16_t>(), want.conv);
     EXPECT_BITS_EQ(ddelta.download<float>(), want.delta);
@@ -376,8 +349,8 @@ TEST(FusedLinearAttn, PrefillThenDecode) {
   ASSERT_EQ(run(L, c), hipSuccess);
   sync_ok();
 
-  const Ws w{ws.download<uint16_t>(), M, &L};
-  ASSERT_EQ(w.region(0, L.ROW), proj);
+  const u16v w = ws.download<uint16_t>();
+  ASSERT_EQ(region(w, L, M, 0), proj);
   Pools want = pools;
   std::fill(want.conv.begin() + 3 * L.CONV, want.conv.begin() + 6 * L.CONV, 0);  // seq 0 starts fresh in slot 1
   std::fill(want.delta.begin() + L.HV * 16384, want.delta.begin() + 2 * L.HV * 16384, 0.f);
@@ -398,10 +371,10 @@ TEST(FusedLinearAttn, PrefillThenDecode) {
       const u16v& src = i == 0 ? more.conv : i == 1 ? more.o : more.gated;
       dst.insert(dst.end(), src.begin(), src.end());
     }
-  EXPECT_BITS_EQ(w.region(1, L.CONV), r.conv);
+  EXPECT_BITS_EQ(region(w, L, M, 1), r.conv);
   EXPECT_BITS_EQ(dconv.download<uint16_t>(), want.conv);
   EXPECT_BITS_EQ(ckc.download<uint16_t>(), u16v(at64.conv.begin() + 3 * L.CONV, at64.conv.begin() + 6 * L.CONV));
-  const u16v o = w.region(2, L.VD);
+  const u16v o = region(w, L, M, 2);
   const auto delta = ddelta.download<float>(), ck = ckd.download<float>();
   const double e_o = rel_err(o, r.o), e_s = rel_err(delta, want.delta);
   const double e_ck = rel_err(ck, std::vector<float>(at64.delta.begin() + L.HV * 16384, at64.delta.begin() + 2 * L.HV * 16384));
@@ -443,12 +416,12 @@ TEST(FusedLinearAttn, PrefillThenDecode) {
   }
   const std::vector<int32_t> s1 = {1}, t13 = {1, 3};
   const Ref rd = decode_ref(L, fused_rows(L, two, 2), 1, 2, s1, &t13, pre);
-  const Ws w2{ws2.download<uint16_t>(), 2, &L}, w3{ws3.download<uint16_t>(), T, &L};
-  EXPECT_BITS_EQ(w2.region(1, L.CONV), rd.conv);
-  EXPECT_BITS_EQ(w2.region(2, L.VD), rd.gated);
+  const u16v w2 = ws2.download<uint16_t>(), w3 = ws3.download<uint16_t>();
+  EXPECT_BITS_EQ(region(w2, L, 2, 1), rd.conv);
+  EXPECT_BITS_EQ(region(w2, L, 2, 2), rd.gated);
   EXPECT_BITS_EQ(dconv.download<uint16_t>(), pre.conv);
   EXPECT_BITS_EQ(ddelta.download<float>(), pre.delta);
-  const u16v all_way = w3.region(2, L.VD);
+  const u16v all_way = region(w3, L, T, 2);
   const double e_d = rel_err(rd.gated, u16v(all_way.begin() + 66 * L.VD, all_way.end()));
   RecordProperty("prefill_decode_vs_decode_rel_err", std::to_string(e_d));
   EXPECT_LT(e_d, 1.0 / 64);
