@@ -361,6 +361,98 @@ QUILLON_API hipError_t quillon_gated_delta_rule_advance(const void* qkv, const v
   return hipGetLastError();
 }
 
+/* ---- fused linear-attention layer ---- */
+QUILLON_API hipError_t quillon_fused_linear_attn(
+    const void* x, void* residual, const void* input_norm, const void* in_proj, const void* conv_weight,
+    const float* a_log, const float* dt_bias, const void* norm_weight, const void* out_proj,
+    const void* in_proj_qz_scale, const void* in_proj_qz_fp8, const void* in_proj_ba, const void* out_proj_scale,
+    const void* in_proj_qz_kquant, const void* in_proj_qz_meta, int32_t qz_format, const void* in_proj_qkv_kquant,
+    const void* in_proj_qkv_meta, int32_t qkv_format, const void* in_proj_z_kquant, const void* in_proj_z_meta,
+    int32_t z_format, const void* out_proj_kquant, const void* out_proj_meta, int32_t out_format,
+    const int32_t* cu_seqlens, const int32_t* has_state, const int32_t* slots, const int32_t* accepted,
+    void* conv_state, float* delta_state, const int32_t* ckpt_at, const int32_t* ckpt_slots, int64_t ckpt_max,
+    void* ckpt_conv, float* ckpt_delta, void* workspace, void* out, int64_t B, int64_t M, int32_t path,
+    hipStream_t stream, LinearAttnRetain retain, float eps) {
+  const LinearAttnWeights w{in_proj,           conv_weight,        a_log,           dt_bias,          norm_weight,
+                            out_proj,          in_proj_qz_scale,   in_proj_qz_fp8,  in_proj_ba,       out_proj_scale,
+                            in_proj_qz_kquant, in_proj_qz_meta,    qz_format,       in_proj_qkv_kquant, in_proj_qkv_meta,
+                            qkv_format,        in_proj_z_kquant,   in_proj_z_meta,  z_format,         out_proj_kquant,
+                            out_proj_meta,     out_format};
+  const LinearAttnCall c{x,          residual,    input_norm, cu_seqlens, has_state,
+                         slots,      accepted,    conv_state, delta_state, ckpt_at,
+                         ckpt_slots, ckpt_max,    ckpt_conv,  ckpt_delta, workspace,
+                         out,        B,           M,          path == 2 ? 2 : 0, stream,
+                         {{retain.rows[0], retain.rows[1], retain.rows[2]}}, eps};
+  fused_linear_attn(w, c);
+  return hipGetLastError();
+}
+QUILLON_API int64_t quillon_fused_linear_attn_workspace_bytes(int64_t M, int32_t path) {
+  return fused_linear_attn_workspace_bytes(M, path == 2 ? 2 : 0);
+}
+QUILLON_API int64_t quillon_linear_attn_retain_bytes(int64_t M, int32_t which) {
+  return linear_attn_retain_bytes(M, which);
+}
+QUILLON_API hipError_t quillon_linear_attn_advance(const void* retain0, const void* retain1, const void* retain2,
+                                                   const float* a_log, const float* dt_bias, const int32_t* slots,
+                                                   const int32_t* accepted, void* conv_state, float* delta_state,
+                                                   int64_t num_seqs, int64_t rows, hipStream_t stream) {
+  const RetainRows rt{{const_cast<void*>(retain0), const_cast<void*>(retain1), const_cast<void*>(retain2)}};
+  linear_attn_advance(rt, a_log, dt_bias, slots, accepted, conv_state, delta_state, num_seqs, rows, stream);
+  return hipGetLastError();
+}
+QUILLON_API void quillon_linear_state_pool(int64_t max_seqs, int64_t rows, int64_t* total_slots_out,
+                                           int64_t* spare_slot_out) {
+  linear_state_pool(max_seqs, rows, total_slots_out, spare_slot_out);
+}
+QUILLON_API int64_t quillon_linear_state_slots(int32_t seq, int32_t committed, int64_t capacity, int64_t rows,
+                                               int32_t* out) {
+  return linear_state_slots(seq, committed, capacity, rows, out);
+}
+QUILLON_API hipError_t quillon_linear_in_proj_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  linear_proj_shuffle_w(LinearPart::In, 0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_in_proj_ba_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  linear_proj_shuffle_w(LinearPart::Ba, 0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_in_proj_qz_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  linear_proj_shuffle_w(LinearPart::Qz, 1, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_in_proj_qz_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                  void* meta, hipStream_t stream) {
+  kq::require_format_id(QUILLON_HERE, format);
+  linear_proj_shuffle_w(LinearPart::Qz, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_in_proj_qkv_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                   void* meta, hipStream_t stream) {
+  kq::require_format_id(QUILLON_HERE, format);
+  linear_proj_shuffle_w(LinearPart::Qkv, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_in_proj_z_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                 void* meta, hipStream_t stream) {
+  kq::require_format_id(QUILLON_HERE, format);
+  linear_proj_shuffle_w(LinearPart::Z, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w(const void* src, void* dst, hipStream_t stream) {
+  linear_proj_shuffle_w(LinearPart::Out, 0, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream) {
+  linear_proj_shuffle_w(LinearPart::Out, 1, 0, src, dst, nullptr, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                void* meta, hipStream_t stream) {
+  kq::require_format_id(QUILLON_HERE, format);
+  linear_proj_shuffle_w(LinearPart::Out, 2, format, src, quant, meta, stream);
+  return hipGetLastError();
+}
+
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
                                                 const float* temperature, hipStream_t stream) {

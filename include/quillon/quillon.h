@@ -180,6 +180,64 @@ QUILLON_API hipError_t quillon_gated_delta_rule_advance(const void* qkv, const v
                                                         const int32_t* slots, const int32_t* accepted, float* state,
                                                         int64_t num_seqs, int64_t rows, hipStream_t stream);
 
+/* ---- fused linear-attention layer ---- */
+/* Rows a roll-forward decode keeps for quillon_linear_attn_advance: conv
+ * inputs [M][conv] bf16, conv outputs [M][conv] bf16, logits [M] of b then a
+ * (HV bf16 each). A null first block means no retain. */
+typedef struct LinearAttnRetain {
+  void* rows[3];
+} LinearAttnRetain;
+/* One linear-attention layer: input norm (skipped when input_norm is null),
+ * in-projection in one form (in_proj_qkv_kquant with in_proj_z_kquant and
+ * in_proj_ba; in_proj_qz_fp8 or in_proj_qz_kquant with in_proj_ba; else
+ * in_proj), causal conv, gated delta rule, gated norm, out-projection (fp8
+ * when in_proj_qz_fp8 is given, else out_proj_kquant, else out_proj) into out
+ * [M, hidden]. path 2 is decode (B sequences of M/B rows, per-row state slots
+ * slots[b*rows + r], or with retain a read-only step); any other path is a
+ * prefill of B sequences (cu_seqlens, has_state, slots[b], checkpoints). The
+ * workspace is sized by quillon_fused_linear_attn_workspace_bytes(M, path). */
+QUILLON_API hipError_t quillon_fused_linear_attn(
+    const void* x, void* residual, const void* input_norm, const void* in_proj, const void* conv_weight,
+    const float* a_log, const float* dt_bias, const void* norm_weight, const void* out_proj,
+    const void* in_proj_qz_scale, const void* in_proj_qz_fp8, const void* in_proj_ba, const void* out_proj_scale,
+    const void* in_proj_qz_kquant, const void* in_proj_qz_meta, int32_t qz_format, const void* in_proj_qkv_kquant,
+    const void* in_proj_qkv_meta, int32_t qkv_format, const void* in_proj_z_kquant, const void* in_proj_z_meta,
+    int32_t z_format, const void* out_proj_kquant, const void* out_proj_meta, int32_t out_format,
+    const int32_t* cu_seqlens, const int32_t* has_state, const int32_t* slots, const int32_t* accepted,
+    void* conv_state, float* delta_state, const int32_t* ckpt_at, const int32_t* ckpt_slots, int64_t ckpt_max,
+    void* ckpt_conv, float* ckpt_delta, void* workspace, void* out, int64_t B, int64_t M, int32_t path,
+    hipStream_t stream, LinearAttnRetain retain, float eps);
+QUILLON_API int64_t quillon_fused_linear_attn_workspace_bytes(int64_t M, int32_t path);
+/* Bytes of retained block which (0, 1, 2) for M rows; all ones for another. */
+QUILLON_API int64_t quillon_linear_attn_retain_bytes(int64_t M, int32_t which);
+/* Commits accepted[b] retained rows (all when null) onto slot slots[b]. */
+QUILLON_API hipError_t quillon_linear_attn_advance(const void* retain0, const void* retain1, const void* retain2,
+                                                   const float* a_log, const float* dt_bias, const int32_t* slots,
+                                                   const int32_t* accepted, void* conv_state, float* delta_state,
+                                                   int64_t num_seqs, int64_t rows, hipStream_t stream);
+/* A pool of max_seqs sequences of rows slots plus one spare slot at the end. */
+QUILLON_API void quillon_linear_state_pool(int64_t max_seqs, int64_t rows, int64_t* total_slots_out,
+                                           int64_t* spare_slot_out);
+/* Sequence seq's slot row: the committed slot (seq*rows when negative), then
+ * the sequence's other slots ascending, at most capacity; returns the count. */
+QUILLON_API int64_t quillon_linear_state_slots(int32_t seq, int32_t committed, int64_t capacity, int64_t rows,
+                                               int32_t* out);
+/* Weight shuffles at the layer's shapes: bf16 and fp8 rows into blk32, GGUF
+ * tensors into quant and meta planes. */
+QUILLON_API hipError_t quillon_linear_in_proj_shuffle_w(const void* src, void* dst, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_in_proj_ba_shuffle_w(const void* src, void* dst, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_in_proj_qz_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_in_proj_qz_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                  void* meta, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_in_proj_qkv_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                   void* meta, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_in_proj_z_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                 void* meta, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w(const void* src, void* dst, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w_fp8(const void* src, void* dst, hipStream_t stream);
+QUILLON_API hipError_t quillon_linear_out_proj_shuffle_w_kquant(int32_t format, const void* src, void* quant,
+                                                                void* meta, hipStream_t stream);
+
 /* ---- sampling ---- */
 QUILLON_API hipError_t quillon_sampling_softmax(const float* logits, float* probs, int64_t rows, int64_t V,
                                                 const float* temperature, hipStream_t stream);
