@@ -42,7 +42,7 @@ TARGETS = {
     "sampling": ["sampling_test"],
     "lm_head": ["lm_head_test"],
     "gemm": ["gemm_test"],
-    "proj": ["proj_test"],
+    "proj": ["proj_test", "layer_proj_test"],
 }
 
 
@@ -158,6 +158,25 @@ MUTANTS = [
       "count1, count2, (int32_t)S1, (int32_t)S2", "count1, count2, (int32_t)S2, (int32_t)S1", "proj"),
     m("proj.pair_seam_off_by_one", "csrc/gemm_core/gemm_proj_fused.h",
       "  if (x < seam) main_arm<Cfg0>", "  if (x <= seam) main_arm<Cfg0>", "proj", heavy=True),
+    # ---- attention projections and the dense MLP ----
+    m("proj.oproj_gate_reads_query", "csrc/gemm_core/gemm_a_loaders.h",
+      "(col / 256) * 512 + 256 + col % 256", "(col / 256) * 512 + col % 256", "proj"),
+    m("proj.swiglu_gate_up_swapped", "csrc/gemm_core/gemm_a_loaders.h",
+      "pairwise8(*reinterpret_cast<const dev::u32x4*>(gate + o), *reinterpret_cast<const dev::u32x4*>(up + o),",
+      "pairwise8(*reinterpret_cast<const dev::u32x4*>(up + o), *reinterpret_cast<const dev::u32x4*>(gate + o),",
+      "proj"),
+    m("proj.qkv_decode_residual_dropped", "csrc/attention/full/qkv_proj.cpp",
+      "rmsnorm(q.x, q.residual, q.norm_w,", "rmsnorm(q.x, nullptr, q.norm_w,", "proj"),
+    m("proj.qkv_scratch_in_turn_off_by_one", "csrc/attention/full/qkv_proj.cpp",
+      "    if (M > 32) {", "    if (M > 33) {", "proj"),
+    m("proj.mlp_pair_up_column", "csrc/mlp/mlp_dense.cpp",
+      "swiglu_down(down, {g, g + M * kI, kI}", "swiglu_down(down, {g, g + kI, kI}", "proj"),
+    m("proj.mlp_stage_16_rows_past_32", "csrc/mlp/mlp_dense.cpp",
+      "const int64_t c = M < 32 ? M : 32;", "const int64_t c = M < 32 ? M : 16;", "proj"),
+    m("proj.oproj_decode_partials_unsized", "csrc/attention/full/out_scale_oproj.cpp",
+      "dec = M * kn.K * 2 + proj::split_scratch_bytes(M, kn.N, kn.K);", "dec = M * kn.K * 2;", "proj"),
+    m("proj.linear_out_width_2048", "csrc/gemm_core/gemm_entry_proj.cpp",
+      "std::is_same_v<G, Qwen3627B> ? 5120 : 2560", "std::is_same_v<G, Qwen3627B> ? 5120 : 2048", "proj"),
 ]
 
 

@@ -7,18 +7,13 @@
 #include <vector>
 
 #include "common/test_util.h"
+#include "gemm/gemm_test_util.h"
 #include "gemm/kquant_shuffle.h"
 #include "quillon/quillon.h"
 #include "read_kernels.h"
 #include "reference/gguf_ref.h"
 
 namespace {
-
-std::vector<uint8_t> random_tensor(int id, int64_t N, int64_t K, uint64_t seed) {
-  std::mt19937_64 rng(seed);
-  const ref::KFormat f = ref::kformat(id);
-  return ref::random_blocks(rng, f.block_bytes, N * K / f.block_weights, ref::kquant_f16_offsets(id));
-}
 
 TEST(KQuantSizes, Formulas) {
   struct Shape {
@@ -106,7 +101,7 @@ std::vector<uint16_t> shuffle_and_read(int id, const std::vector<uint8_t>& src, 
 // Every byte of the planes against the layout, then every weight.
 void check_format(int id, int64_t N, int64_t K, uint64_t seed) {
   SCOPED_TRACE("format " + std::to_string(id) + " N " + std::to_string(N) + " K " + std::to_string(K));
-  const std::vector<uint8_t> src = random_tensor(id, N, K, seed);
+  const std::vector<uint8_t> src = gt::gguf_tensor(id, N, K, seed);
   ASSERT_EQ((int64_t)src.size(), quillon_kquant_gguf_bytes(id, N, K));
   const ref::KPlanes want = ref::kquant_planes(id, src, N, K);
   const auto w = shuffle_and_read(id, src, N, K, [&](const qt::DevBuf& quant, const qt::DevBuf& meta) {
@@ -142,7 +137,7 @@ TEST(KQuantBatched, MatrixStride) {
   constexpr int kId = 5;
   constexpr int64_t N = 64, K = 512, kMats = 3;
   using Fmt = quillon::gemm_core::KQuantFormat<kId>;
-  const std::vector<uint8_t> src = random_tensor(kId, N * kMats, K, 400);
+  const std::vector<uint8_t> src = gt::gguf_tensor(kId, N * kMats, K, 400);
   const int64_t row_bytes = K * Fmt::gguf_bytes / 256;
   const int64_t qbytes = N * K * Fmt::bits / 8, mbytes = quillon_kquant_meta_bytes(kId, N, K);
   qt::DevBuf dsrc = qt::DevBuf::from(src);

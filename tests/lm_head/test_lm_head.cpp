@@ -124,14 +124,6 @@ TEST(LmHeadSizing, ScratchOnlyPastThirtyTwoRows) {
   EXPECT_EQ(quillon_lm_head_scratch_bytes(33), 5 << 19);
 }
 
-TEST(LmHeadDeathTest, DecodeNeedsARow) {
-  QT_SELECT_GEOMETRY(0);
-  EXPECT_QUILLON_FATAL(quillon_lm_head(nullptr, nullptr, nullptr, 0, nullptr, nullptr),
-                       "lm_head decode takes at least one row, got 0");
-  EXPECT_QUILLON_FATAL(quillon_lm_head_gemm_decode(nullptr, nullptr, nullptr, -3, nullptr),
-                       "lm_head decode takes at least one row, got -3");
-}
-
 TEST(LmHeadDeathTest, NeedsAGeometry) {
   if (quillon_active_geometry() >= 0) GTEST_SKIP() << "a geometry is already selected in this process";
   EXPECT_QUILLON_FATAL(quillon_lm_head(nullptr, nullptr, nullptr, 1, nullptr, nullptr), kNoGeometry);

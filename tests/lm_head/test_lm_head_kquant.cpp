@@ -128,16 +128,16 @@ TEST(LmHeadKQuant, OtherGeometries) {
   }
 }
 
+// The head's planes are those of its [N, K] tensor.
 TEST(LmHeadKQuant, PlaneSizesAtTheHeadShape) {
   for (const Geo& g : lh::kGeos) {
     if (!quillon::geometry_built(g.id)) continue;
     ASSERT_EQ(quillon_select_geometry(g.id), 0);
     for (int id : ref::kKquantIds) {
       SCOPED_TRACE(testing::Message() << "geometry " << g.id << " format " << id);
-      const ref::KFormat f = ref::kformat(id);
-      EXPECT_EQ(quillon_lm_head_kquant_gguf_bytes(id), g.N * g.K / f.block_weights * f.block_bytes);
-      EXPECT_EQ(quillon_lm_head_kquant_quant_bytes(id), g.N * g.K * f.bits / 8 + 4);
-      EXPECT_EQ(quillon_lm_head_kquant_meta_bytes(id), g.N / 32 * (g.K / 256) * f.meta_tile);
+      EXPECT_EQ(quillon_lm_head_kquant_gguf_bytes(id), quillon_kquant_gguf_bytes(id, g.N, g.K));
+      EXPECT_EQ(quillon_lm_head_kquant_quant_bytes(id), quillon_kquant_quant_bytes(id, g.N, g.K));
+      EXPECT_EQ(quillon_lm_head_kquant_meta_bytes(id), quillon_kquant_meta_bytes(id, g.N, g.K));
     }
   }
 }
@@ -151,6 +151,10 @@ TEST(LmHeadKQuantDeathTest, FormatAndRowChecks) {
   EXPECT_QUILLON_FATAL(quillon_lm_head_kquant_shuffle_weight(7, nullptr, nullptr, nullptr, nullptr), kNotAFormat);
   EXPECT_QUILLON_FATAL(quillon_lm_head_kquant(4, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr),
                        "lm_head decode takes at least one row, got 0");
+  EXPECT_QUILLON_FATAL(quillon_lm_head(nullptr, nullptr, nullptr, 0, nullptr, nullptr),
+                       "lm_head decode takes at least one row, got 0");
+  EXPECT_QUILLON_FATAL(quillon_lm_head_gemm_decode(nullptr, nullptr, nullptr, -3, nullptr),
+                       "lm_head decode takes at least one row, got -3");
 }
 
 }  // namespace

@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "../gemm/gemm_test_util.h"
 #include "gemm_core/gemm_entry_proj.h"
 #include "common/device_ext.h"
+#include "device/device_config.h"
+#include "reference/lm_head_ref.h"
 
 namespace pt {
 
@@ -72,7 +75,7 @@ inline Weight fp8_weight(int64_t N, int64_t K, qt::Rng& rng, int64_t first = 0) 
       bytes[(size_t)gc::blk32_fp8_offset(n, k, N)] = x;
       const float v = ref::fp8_weight(x) * ref::bf16_value(scales[(size_t)((k / 128) * (N / 128) + n / 128)]);
       w.decode_w[(size_t)(j * K + k)] = v;
-      w.prefill_w[(size_t)(j * K + k)] = ref::bf16_value(ref::bf16_rne_plain(v));
+      w.prefill_w[(size_t)(j * K + k)] = ref::widen(ref::round_bf16(v));
     }
   }
   w.b0 = qt::DevBuf::from(bytes);
@@ -119,6 +122,30 @@ inline std::vector<uint16_t> live(const std::vector<uint16_t>& C, int64_t M, int
   return r;
 }
 
+// ---- the launches of one projection, and which of their blocks run --------------------
+inline std::vector<int64_t> live_tiles(const Weight& w) {
+  std::vector<int64_t> t{w.first / 128, w.N / 128 - 1};
+  t.erase(std::unique(t.begin(), t.end()), t.end());
+  return t;
+}
+// A decode grid (tiles, row tiles, splits) or the prefill's.
+inline std::vector<int64_t> proj_ids(const Weight& w, int64_t M, bool decode, int S) {
+  if (!decode) return ref::prefill_blocks(live_tiles(w), w.N / 128, M);
+  std::vector<int64_t> ids;
+  const int64_t nt = w.N / 128, mt = (M + (M > 16 ? 31 : 15)) / (M > 16 ? 32 : 16);
+  for (int64_t z = 0; z < S; ++z)
+    for (int64_t y = 0; y < mt; ++y)
+      for (int64_t x : live_tiles(w)) ids.push_back(x + nt * (y + mt * z));
+  return ids;
+}
+// Samples the product of one projection `n` launches from now; returns the
+// launches it takes (a split adds its reduction).
+inline int sample_proj(int n, const Weight& w, int64_t M, bool decode) {
+  const int S = decode ? want_splits(w.N, w.K, quillon::num_cus_p2()) : 1;
+  qt::sample_launch(n, proj_ids(w, M, decode, S));
+  return S > 1 ? 2 : 1;
+}
+
 // The live columns of an [M, N] output against A times the weight as the
 // path multiplies by it: bit-exact for integer operands, else within the
 // summation bound. Dequantised k-quant weights carry too many bits for an
@@ -130,6 +157,36 @@ inline void expect_arm(const std::vector<uint16_t>& C, const std::vector<float>&
   const auto want = ref::gemm(A, W, M, 256, w.K);
   if (exact && w.form != 2) EXPECT_BITS_EQ(got, gt::expect_bf16(want));
   else EXPECT_EQ(gt::count_outside(gt::widen(got), want, ref::gemm_abs(A, W, M, 256, w.K), w.K, true), 0);
+}
+
+// Runs `run` on a fresh A (integers where `exact`, else random) with
+// PrefillShuffledA's A shuffled into the scratch; the arms' outputs follow
+// each other in C. ws_bytes is the workspace exactly: an overrun hits its guard.
+inline void run_arms(const std::function<void(const pj::ProjCall&)>& run, const std::vector<const Weight*>& arms,
+                     int mode, int64_t M, bool exact, int64_t ws_bytes, qt::Rng& rng) {
+  const int64_t K = arms[0]->K;
+  SCOPED_TRACE(testing::Message() << "mode " << mode << " M=" << M << (exact ? " exact" : " random"));
+  int64_t width = 0;
+  for (const Weight* w : arms) width += w->N;
+  const auto A = exact ? gt::int_bf16(rng, (size_t)(M * K), -3, 3) : rng.bf16s((size_t)(M * K));
+  qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * width * 2)), ws((size_t)std::max<int64_t>(ws_bytes, 4)),
+             scratch((size_t)pj::proj_scratch_bytes(M, K));
+  pj::ProjCall call{a.get(), c.get(), M, mode, scratch.get(), ws_bytes > 0 ? ws.as<float>() : nullptr, nullptr};
+  if (mode == pj::PrefillShuffledA) {
+    quillon::shuffle_a_blk32(a.get(), K, scratch.get(), (M + 255) / 256 * 256, K, nullptr, M);
+    call.A = scratch.get();
+  }
+  run(call);
+  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+  EXPECT_TRUE(c.guards_intact() && ws.guards_intact() && scratch.guards_intact());
+  const auto C = c.download<uint16_t>();
+  const auto fa = gt::floats_of(A);
+  int64_t off = 0;
+  for (const Weight* w : arms) {
+    SCOPED_TRACE(testing::Message() << "arm of N " << w->N);
+    expect_arm({C.begin() + off, C.begin() + off + M * w->N}, fa, *w, mode == pj::Decode, M, exact);
+    off += M * w->N;
+  }
 }
 
 }  // namespace pt

@@ -7,16 +7,16 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "attention/full/attn_proj.h"
 #include "quillon/quillon.h"
 #include "common/device_math.h"
-#include "device/device_config.h"
 #include "gemm_core/gemm_fused_layout.h"
 #include "proj_test_util.h"
 #include "reference/attn_mlp_ref.h"
-#include "reference/lm_head_ref.h"
 #include "reference/rmsnorm_ref.h"
+#include "reference/shuffle_ref.h"
 
 namespace {
 
@@ -24,21 +24,6 @@ using namespace pt;
 constexpr int Pre = 0, Dec = 2;  // modes as the exported functions take them
 
 // ---- the launches a call makes, and which of their blocks run ------------------------
-std::vector<int64_t> live_tiles(const Weight& w) {
-  std::vector<int64_t> t{w.first / 128, w.N / 128 - 1};
-  t.erase(std::unique(t.begin(), t.end()), t.end());
-  return t;
-}
-// One projection: a decode grid (tiles, row tiles, splits) or the prefill's.
-std::vector<int64_t> proj_ids(const Weight& w, int64_t M, bool decode, int S) {
-  if (!decode) return ref::prefill_blocks(live_tiles(w), w.N / 128, M);
-  std::vector<int64_t> ids;
-  const int64_t nt = w.N / 128, mt = (M + (M > 16 ? 31 : 15)) / (M > 16 ? 32 : 16);
-  for (int64_t z = 0; z < S; ++z)
-    for (int64_t y = 0; y < mt; ++y)
-      for (int64_t x : live_tiles(w)) ids.push_back(x + nt * (y + mt * z));
-  return ids;
-}
 // A fused pair: arm 0's tiles to the seam, then arm 1's t1 tiles by s1.
 std::vector<int64_t> pair_ids(const pj::FusedLayout& L, const Weight& w1, int64_t M) {
   std::vector<int64_t> ids;
@@ -51,15 +36,6 @@ std::vector<int64_t> pair_ids(const pj::FusedLayout& L, const Weight& w1, int64_
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
   return ids;
-}
-int splits(const Weight& w, bool decode) { return decode ? want_splits(w.N, w.K, quillon::num_cus_p2()) : 1; }
-
-// Samples the product of one projection run by name `n` launches from now;
-// returns the launches it takes (a split adds its reduction).
-int sample_proj(int n, const Weight& w, int64_t M, bool decode) {
-  const int S = splits(w, decode);
-  qt::sample_launch(n, proj_ids(w, M, decode, S));
-  return S > 1 ? 2 : 1;
 }
 // Two arms over one A: the fused pair at Decode up to 32 rows, else in turn.
 int sample_pair(int n, const pj::FusedLayout& L, const Weight& w0, const Weight& w1, int64_t M, bool decode) {
@@ -191,7 +167,8 @@ TEST_F(AttnProj, QkvEveryRoad) {
       {0, KQuant, 23, 0, Pre, 5, true, true, false},  {0, Pair, 4, 6, Dec, 17, false, false, false},
       {0, Pair, 6, 5, Dec, 33, false, false, false},  {0, Pair, 5, 5, Pre, 9, false, false, false},
       {0, QKv, 8, 0, Dec, 1, true, false, false},     {0, QKv, 3, 0, Dec, 40, false, false, false},
-      {1, Pair, 3, 8, Dec, 2, false, false, false},   {1, QKv, 20, 0, Pre, 4, false, false, false},
+      {1, Pair, 3, 8, Dec, 16, false, false, false},  {1, QKv, 20, 0, Pre, 4, false, false, false},
+      {1, QKv, 5, 0, Dec, 32, false, false, false},   {3, QKv, 5, 0, Dec, 3, false, false, false},
       {3, Bf16, 0, 0, Dec, 16, false, false, true},   {3, KQuant, 6, 0, Pre, 7, false, false, true},
       {3, Pair, 8, 4, Dec, 32, true, false, true},
   };
@@ -376,7 +353,8 @@ TEST_F(Mlp, EveryFormAndRoad) {
       {MBf16, 0, 0, 0, Dec, 1},       {MBf16, 0, 0, 0, Pre, 20},       {MFp8, 0, 0, 0, Dec, 17},
       {MFp8, 0, 0, 0, Pre, 3},        {MKq, 4, 0, 6, Dec, 16},         {MKq, 23, 0, 8, Pre, 257},
       {MKqBf16Down, 5, 0, 0, Dec, 33}, {MSplit, 6, 4, 3, Dec, 32},     {MSplit, 4, 6, 20, Dec, 2},
-      {MSplit, 3, 8, 4, Dec, 33},     {MSplitBf16Down, 8, 5, 0, Pre, 9}, {MSplitBf16Down, 20, 23, 0, 1, 17},
+      {MSplit, 3, 8, 4, Dec, 33},     {MSplit, 3, 8, 4, Dec, 17},      {MSplit, 23, 20, 6, Dec, 1},
+      {MSplitBf16Down, 8, 5, 0, Pre, 9}, {MSplitBf16Down, 20, 23, 0, 1, 17},
   };
   for (const MCase& k : cases) run_mlp(k);
 }
@@ -433,70 +411,66 @@ TEST(LayerProjAtCus, SplitRoads) {
 
 // ---- weight shuffles ------------------------------------------------------------------
 // Each shuffler at its fixed shape: bf16 and fp8 rows against the blk32
-// formulas, k-quant planes against the general shuffle at the same N and K.
+// reference, k-quant planes (format 2, the smallest; the general set includes
+// it) against the general shuffle at the same N and K.
 TEST(LayerProjShuffles, FixedShapes) {
   using Fn = hipError_t (*)(const void*, void*, hipStream_t);
   using KFn = hipError_t (*)(int32_t, const void*, void*, void*, hipStream_t);
-  struct Dense {
-    int g;
+  struct Row {
+    int g, form;  // form 0 bf16, 1 fp8, 2 k-quant
     Fn fn;
+    KFn kfn;
     int64_t N, K;
-    bool fp8;
   };
-  const Dense dense[] = {{0, quillon_qkv_proj_shuffle_w, 9216, 2048, false},
-                         {1, quillon_qkv_proj_shuffle_w_fp8, 14336, 5120, true},
-                         {3, quillon_qkv_proj_kv_shuffle_w, 1024, 2560, false},
-                         {3, quillon_qkv_proj_index_shuffle_w, 640, 2560, false},
-                         {0, quillon_attn_out_scale_oproj_shuffle_w, 2048, 4096, false},
-                         {3, quillon_attn_out_scale_oproj_shuffle_w_fp8, 2560, 6144, true},
-                         {1, quillon_mlp_gate_up_shuffle_w_fp8, 34816, 5120, true},
-                         {1, quillon_mlp_gate_up_shuffle_w, 34816, 5120, false},
-                         {1, quillon_mlp_down_shuffle_w_fp8, 5120, 17408, true},
-                         {1, quillon_mlp_down_shuffle_w, 5120, 17408, false}};
+  const Row rows[] = {{0, 0, quillon_qkv_proj_shuffle_w, nullptr, 9216, 2048},
+                      {1, 1, quillon_qkv_proj_shuffle_w_fp8, nullptr, 14336, 5120},
+                      {3, 0, quillon_qkv_proj_kv_shuffle_w, nullptr, 1024, 2560},
+                      {3, 0, quillon_qkv_proj_index_shuffle_w, nullptr, 640, 2560},
+                      {0, 0, quillon_attn_out_scale_oproj_shuffle_w, nullptr, 2048, 4096},
+                      {3, 1, quillon_attn_out_scale_oproj_shuffle_w_fp8, nullptr, 2560, 6144},
+                      {1, 1, quillon_mlp_gate_up_shuffle_w_fp8, nullptr, 34816, 5120},
+                      {1, 0, quillon_mlp_gate_up_shuffle_w, nullptr, 34816, 5120},
+                      {1, 1, quillon_mlp_down_shuffle_w_fp8, nullptr, 5120, 17408},
+                      {1, 0, quillon_mlp_down_shuffle_w, nullptr, 5120, 17408},
+                      {0, 2, nullptr, quillon_qkv_proj_v_shuffle_w_kquant, 512, 2048},
+                      {3, 2, nullptr, quillon_qkv_proj_q_shuffle_w_kquant, 12288, 2560},
+                      {1, 2, nullptr, quillon_qkv_proj_qk_shuffle_w_kquant, 13312, 5120},
+                      {0, 2, nullptr, quillon_qkv_proj_shuffle_w_kquant, 9216, 2048},
+                      {0, 2, nullptr, quillon_attn_out_scale_oproj_shuffle_w_kquant, 2048, 4096},
+                      {1, 2, nullptr, quillon_mlp_gate_shuffle_w_kquant, 17408, 5120},
+                      {1, 2, nullptr, quillon_mlp_up_shuffle_w_kquant, 17408, 5120},
+                      {1, 2, nullptr, quillon_mlp_gate_up_shuffle_w_kquant, 34816, 5120},
+                      {1, 2, nullptr, quillon_mlp_down_shuffle_w_kquant, 5120, 17408}};
   qt::Rng rng(9);
-  for (const Dense& d : dense) {
-    if (!quillon::geometry_built(d.g)) continue;
-    SCOPED_TRACE(testing::Message() << "N=" << d.N << " K=" << d.K);
-    ASSERT_EQ(quillon_select_geometry(d.g), 0);
-    const int64_t bytes = d.N * d.K * (d.fp8 ? 1 : 2);
-    std::vector<uint8_t> src((size_t)bytes);
-    for (size_t i = 0; i < src.size(); i += 4093) src[i] = (uint8_t)rng.integer(1, 255);
-    qt::DevBuf s = qt::DevBuf::from(src), dst((size_t)bytes);
-    ASSERT_EQ(d.fn(s.get(), dst.get(), nullptr), hipSuccess);
-    const auto got = dst.download<uint8_t>();
-    for (size_t i = 0; i < src.size(); i += 4093) {
-      const int64_t el = (int64_t)i / (d.fp8 ? 1 : 2), r = el / d.K, col = el % d.K;
-      const int64_t at = d.fp8 ? gc::blk32_fp8_offset(r, col, d.N) : gc::blk32_b_offset(r, col, d.N) + (int64_t)(i % 2);
-      ASSERT_EQ(got[(size_t)at], src[i]) << "element " << el;
+  const int F = 2;
+  for (const Row& r : rows) {
+    if (!quillon::geometry_built(r.g)) continue;
+    SCOPED_TRACE(testing::Message() << "form " << r.form << " N=" << r.N << " K=" << r.K);
+    ASSERT_EQ(quillon_select_geometry(r.g), 0);
+    const bool kq = r.form == 2;
+    std::vector<uint8_t> src((size_t)(kq ? quillon_kquant_gguf_bytes(F, r.N, r.K) : r.N * r.K * (2 - r.form)));
+    for (size_t i = 0; i < src.size(); i += 997) src[i] = (uint8_t)rng.integer(1, 255);
+    const size_t qb = kq ? (size_t)quillon_kquant_quant_bytes(F, r.N, r.K) : src.size(),
+                 mb = kq ? (size_t)quillon_kquant_meta_bytes(F, r.N, r.K) : 1;
+    qt::DevBuf s = qt::DevBuf::from(src), q0(qb), m0(mb), q1(kq ? qb : 1), m1(mb);
+    std::vector<uint8_t> want(qb);
+    if (kq) {
+      ASSERT_EQ(r.kfn(F, s.get(), q0.get(), m0.get(), nullptr), hipSuccess);
+      ASSERT_EQ(quillon_gemm_kquant_shuffle_b(F, s.get(), q1.get(), m1.get(), r.N, r.K, nullptr), hipSuccess);
+      ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+      want = q1.download<uint8_t>();
+      EXPECT_BITS_EQ(m0.download<uint8_t>(), m1.download<uint8_t>());
+    } else if (r.form == 1) {
+      ASSERT_EQ(r.fn(s.get(), q0.get(), nullptr), hipSuccess);
+      want = ref::blk32_fp8(src, r.K, r.N, r.K);
+    } else {
+      ASSERT_EQ(r.fn(s.get(), q0.get(), nullptr), hipSuccess);
+      std::vector<uint16_t> rows16(src.size() / 2);
+      std::memcpy(rows16.data(), src.data(), src.size());
+      std::memcpy(want.data(), ref::blk32(rows16, r.K, r.N, r.K, r.N, true).data(), want.size());
     }
-  }
-  struct Quant {
-    int g;
-    KFn fn;
-    int64_t N, K;
-  };
-  const Quant quant[] = {{0, quillon_qkv_proj_v_shuffle_w_kquant, 512, 2048},
-                         {3, quillon_qkv_proj_q_shuffle_w_kquant, 12288, 2560},
-                         {1, quillon_qkv_proj_qk_shuffle_w_kquant, 13312, 5120},
-                         {0, quillon_qkv_proj_shuffle_w_kquant, 9216, 2048},
-                         {0, quillon_attn_out_scale_oproj_shuffle_w_kquant, 2048, 4096},
-                         {1, quillon_mlp_gate_shuffle_w_kquant, 17408, 5120},
-                         {1, quillon_mlp_up_shuffle_w_kquant, 17408, 5120},
-                         {1, quillon_mlp_gate_up_shuffle_w_kquant, 34816, 5120},
-                         {1, quillon_mlp_down_shuffle_w_kquant, 5120, 17408}};
-  for (const Quant& q : quant) {
-    if (!quillon::geometry_built(q.g)) continue;
-    SCOPED_TRACE(testing::Message() << "N=" << q.N << " K=" << q.K);
-    ASSERT_EQ(quillon_select_geometry(q.g), 0);
-    const int F = 2;  // the smallest planes; the general shuffle's set includes it
-    std::vector<uint8_t> src((size_t)quillon_kquant_gguf_bytes(F, q.N, q.K));
-    for (size_t i = 0; i < src.size(); i += 997) src[i] = (uint8_t)rng.integer(0, 255);
-    const size_t qb = (size_t)quillon_kquant_quant_bytes(F, q.N, q.K), mb = (size_t)quillon_kquant_meta_bytes(F, q.N, q.K);
-    qt::DevBuf s = qt::DevBuf::from(src), q0(qb), m0(mb), q1(qb), m1(mb);
-    ASSERT_EQ(q.fn(F, s.get(), q0.get(), m0.get(), nullptr), hipSuccess);
-    ASSERT_EQ(quillon_gemm_kquant_shuffle_b(F, s.get(), q1.get(), m1.get(), q.N, q.K, nullptr), hipSuccess);
-    EXPECT_BITS_EQ(q0.download<uint8_t>(), q1.download<uint8_t>());
-    EXPECT_BITS_EQ(m0.download<uint8_t>(), m1.download<uint8_t>());
+    ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+    EXPECT_BITS_EQ(q0.download<uint8_t>(), want);
   }
 }
 

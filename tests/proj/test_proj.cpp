@@ -11,9 +11,6 @@
 #include <type_traits>
 
 #include "proj_test_util.h"
-#include "device/device_config.h"
-#include "gemm_core/gemm_entry_proj.h"
-#include "reference/lm_head_ref.h"
 
 namespace {
 
@@ -42,48 +39,17 @@ TEST(ProjRule, SplitCounts) {
 // ---- running a named entry -------------------------------------------------------
 using Entry = std::function<void(const pj::ProjCall&, const Weight&)>;
 
-// Sampled workgroups of launch n from now: the two live tiles of every row
-// tile and split.
-void sample_decode(int64_t N, int64_t M, int MT, int S) {
-  std::vector<int64_t> ids;
-  const int64_t nt = N / 128, mt = (M + MT - 1) / MT;
-  for (int64_t z = 0; z < S; ++z)
-    for (int64_t y = 0; y < mt; ++y)
-      for (int64_t x : {int64_t(0), nt - 1}) ids.push_back(x + nt * (y + mt * z));
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  qt::sample_next_launch(ids);
-}
-void sample_prefill(int64_t N, int64_t M, int n) {
-  std::vector<int64_t> tiles = {0, N / 128 - 1};
-  tiles.erase(std::unique(tiles.begin(), tiles.end()), tiles.end());
-  const std::vector<int64_t> ids = ref::prefill_blocks(tiles, N / 128, M);
-  qt::sample_launch(n, ids);
-}
-
 // One call at (mode, M): compares the live columns exactly (integer A) or
-// within the summation bound (random A).
+// within the summation bound (random A). Without a split the workspace is
+// null: no launch may need it.
 void check(const Entry& entry, const Weight& w, int mode, int64_t M, bool exact, qt::Rng& rng) {
-  const int64_t N = w.N, K = w.K;
-  SCOPED_TRACE(testing::Message() << "mode " << mode << " M=" << M << (exact ? " exact" : " random"));
-  const auto A = exact ? gt::int_bf16(rng, (size_t)(M * K), -3, 3) : rng.bf16s((size_t)(M * K));
-  qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * N * 2));
-  const int64_t R = (M + 255) / 256 * 256;
-  qt::DevBuf shuffled((size_t)(R * K * 2)), scratch((size_t)pj::proj_scratch_bytes(M, K));
-  // Without a split the workspace is null: no launch may need it.
-  const int S = want_splits(N, K, quillon::num_cus_p2());
-  qt::DevBuf ws((size_t)(S * M * N * 4 + 4));
-  pj::ProjCall call{a.get(), c.get(), M, mode, scratch.get(), S > 1 ? ws.as<float>() : nullptr, nullptr};
-  if (mode == pj::PrefillShuffledA) {
-    quillon::shuffle_a_blk32(a.get(), K, shuffled.get(), R, K, nullptr, M);
-    call.A = shuffled.get();
-  }
-  // From row-major A the product is the second launch, after the shuffle.
-  if (mode == pj::Decode) sample_decode(N, M, M > 16 ? 32 : 16, S);
-  else sample_prefill(N, M, mode == pj::Prefill ? 1 : 0);
-  entry(call, w);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  EXPECT_TRUE(c.guards_intact() && ws.guards_intact() && scratch.guards_intact());
-  expect_arm(c.download<uint16_t>(), gt::floats_of(A), w, mode == pj::Decode, M, exact);
+  const int S = want_splits(w.N, w.K, quillon::num_cus_p2());
+  auto run = [&](const pj::ProjCall& c) {
+    // From row-major A the product is the second launch, after the shuffle.
+    sample_proj(mode == pj::Prefill ? 1 : 0, w, M, mode == pj::Decode);
+    entry(c, w);
+  };
+  run_arms(run, {&w}, mode, M, exact, S > 1 ? S * M * w.N * 4 : 0, rng);
 }
 
 // Every decode row count, at integer and random operands; the prefill paths
@@ -163,41 +129,34 @@ TEST_F(Proj, Failures) {
   EXPECT_EQ(seen, 6);
 }
 
-// Scratch: the largest path at M, and the linear-attention tables.
 int64_t split_bytes(int64_t M, int64_t N, int64_t K) {
   const int S = want_splits(N, K, quillon::num_cus_p2());
   return S > 1 ? S * M * N * 4 : 0;
 }
+// The named scratch at geometry 0, and the linear-attention tables: A's panel
+// per 256 rows, in_proj's qkv and z widths, out_proj's shape, and the conv
+// table per row up to 32.
 void check_scratch() {
-  const int64_t Ms[] = {1, 16, 32, 33, 255, 256, 257, 1000};
-  QT_SELECT_GEOMETRY(0);
-  for (int64_t M : Ms) {
-    SCOPED_TRACE(testing::Message() << "M=" << M);
-    const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
-    EXPECT_EQ(pj::attn_out_scale_oproj_scratch_bytes(M), std::max(Mt * 256 * 4096 * 2, split_bytes(M, 2048, 4096)));
-    EXPECT_EQ(pj::qkv_proj_scratch_bytes(M), Mt * 256 * 2048 * 2);
-    EXPECT_EQ(pj::linear_in_proj_ba_scratch_bytes(M), std::max(Mt * 1048576, split_bytes(M, 128, 2048)));
-    EXPECT_EQ(pj::linear_in_scratch_bytes(M),
-              std::max({Mt * 1048576, split_bytes(M, 128, 2048), split_bytes(M, 4096, 2048), split_bytes(M, 8192, 2048),
-                        c * 135168}));
-    EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * 4096 * 2, split_bytes(M, 2048, 4096)));
-  }
-  // The linear-attention tables of geometries 1 and 3: A's panel per 256
-  // rows, in_proj's and out_proj's widths, and the conv table per row up to 32.
   struct Geo {
     int g;
-    int64_t panel, K, Nin, Nout, Kout, conv;
+    int64_t panel, K, Nqkv, Nz, Nout, Kout, conv;
   };
-  for (const Geo& g :
-       {Geo{1, 2621440, 5120, 6144, 5120, 6144, 200704}, Geo{3, 1310720, 2560, 6144, 2560, 6144, 100352}}) {
+  for (const Geo& g : {Geo{0, 1048576, 2048, 8192, 4096, 2048, 4096, 135168},
+                       Geo{1, 2621440, 5120, 10240, 6144, 5120, 6144, 200704},
+                       Geo{3, 1310720, 2560, 10240, 6144, 2560, 6144, 100352}}) {
     if (!quillon::geometry_built(g.g)) continue;
     ASSERT_EQ(quillon_select_geometry(g.g), 0);
-    for (int64_t M : Ms) {
+    for (int64_t M : {1, 16, 32, 33, 255, 256, 257, 1000}) {
       SCOPED_TRACE(testing::Message() << "geometry " << g.g << " M=" << M);
       const int64_t Mt = (M + 255) / 256, c = M < 32 ? M : 32;
-      EXPECT_EQ(pj::linear_in_scratch_bytes(M),
-                std::max({Mt * g.panel, split_bytes(M, 128, g.K), split_bytes(M, g.Nin, g.K), c * g.conv}));
+      EXPECT_EQ(pj::linear_in_scratch_bytes(M), std::max({Mt * g.panel, split_bytes(M, 128, g.K),
+                                                          split_bytes(M, g.Nz, g.K), split_bytes(M, g.Nqkv, g.K),
+                                                          c * g.conv}));
       EXPECT_EQ(pj::linear_out_scratch_bytes(M), std::max(Mt * 256 * g.Kout * 2, split_bytes(M, g.Nout, g.Kout)));
+      if (g.g != 0) continue;
+      EXPECT_EQ(pj::attn_out_scale_oproj_scratch_bytes(M), std::max(Mt * 256 * 4096 * 2, split_bytes(M, 2048, 4096)));
+      EXPECT_EQ(pj::qkv_proj_scratch_bytes(M), Mt * 256 * 2048 * 2);
+      EXPECT_EQ(pj::linear_in_proj_ba_scratch_bytes(M), std::max(Mt * 1048576, split_bytes(M, 128, 2048)));
     }
   }
   EXPECT_EQ(pj::linear_in_scratch_bytes(0), 0);

@@ -1,15 +1,14 @@
-// Projections over one A: the fused pair, width-pair and triple launches at
-// Decode up to 32 rows, the projections in turn otherwise, the grouped launch,
-// and their failures. Each arm's weight has two live column tiles; in a fused
-// launch only their workgroups run, by block sampling, and every arm's output
-// region is checked against the reference.
+// Projections over one A: the fused triple at Decode up to 32 rows, the
+// projections in turn otherwise, the grouped launch, and the failures of all
+// fused kinds (the pairs run through the layer entries, test_layer_proj).
+// Each arm's weight has two live column tiles; in a fused launch only their
+// workgroups run, by block sampling, and every arm's output is checked.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
 
 #include "device/device_config.h"
-#include "gemm_core/gemm_fused_layout.h"
 #include "proj_test_util.h"
 
 namespace {
@@ -56,98 +55,22 @@ uint64_t fused_wmma(const Case& k, int64_t K) {
   return n * k.row_tiles;
 }
 
-// Runs `run` on fresh buffers; the arms' outputs follow each other in C.
+// One run of the arms on integer A: the sampled blocks of the first launch,
+// and in a fused launch its matrix instructions.
 void check(const std::function<void(const pj::ProjCall&)>& run, const std::vector<const Weight*>& arms, const Case& k,
            qt::Rng& rng) {
-  const int64_t M = k.M, K = arms[0]->K;
-  SCOPED_TRACE(testing::Message() << "mode " << k.mode << " M=" << M);
-  int64_t width = 0;
-  for (const Weight* w : arms) width += w->N;
-  const auto A = gt::int_bf16(rng, (size_t)(M * K), -3, 3);
-  qt::DevBuf a = qt::DevBuf::from(A), c((size_t)(M * width * 2)), ws((size_t)std::max<int64_t>(k.ws_bytes, 4));
-  qt::DevBuf scratch((size_t)pj::proj_scratch_bytes(M, K));
-  pj::ProjCall call{a.get(), c.get(), M, k.mode, scratch.get(), k.ws_bytes > 0 ? ws.as<float>() : nullptr, nullptr};
-  if (k.mode == pj::PrefillShuffledA) {
-    quillon::shuffle_a_blk32(a.get(), K, scratch.get(), (M + 255) / 256 * 256, K, nullptr, M);
-    call.A = scratch.get();
-  }
-  if (!k.blocks.empty()) sample(k.blocks, k.gx, k.row_tiles);
-  const auto wmma0 = qt::wmma_count();
-  run(call);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-  if (k.fused && wmma0) EXPECT_EQ(*qt::wmma_count() - *wmma0, fused_wmma(k, K)) << "not the one fused launch";
-  EXPECT_TRUE(c.guards_intact() && ws.guards_intact());
-  const auto C = c.download<uint16_t>();
-  const auto fa = gt::floats_of(A);
-  int64_t off = 0;
-  for (const Weight* w : arms) {
-    SCOPED_TRACE(testing::Message() << "arm of N " << w->N);
-    expect_arm({C.begin() + off, C.begin() + off + M * w->N}, fa, *w, k.mode == pj::Decode, M, true);
-    off += M * w->N;
-  }
+  auto counted = [&](const pj::ProjCall& c) {
+    if (!k.blocks.empty()) sample(k.blocks, k.gx, k.row_tiles);
+    const auto wmma0 = qt::wmma_count();
+    run(c);
+    ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+    if (k.fused && wmma0)
+      EXPECT_EQ(*qt::wmma_count() - *wmma0, fused_wmma(k, arms[0]->K)) << "not the one fused launch";
+  };
+  run_arms(counted, arms, k.mode, k.M, true, k.ws_bytes, rng);
 }
 
 class ProjFused : public testing::Test {};
-
-// q and k with v at another width, geometry 0: seam 68, v in 4 tiles by 8.
-TEST_F(ProjFused, QkvPairFusedAndInTurn) {
-  QT_SELECT_GEOMETRY(0);
-  qt::Rng rng(21);
-  for (auto [f0, f1] : {std::pair{4, 6}, std::pair{8, 3}}) {
-    SCOPED_TRACE(testing::Message() << "formats " << f0 << ", " << f1);
-    const Weight qk = kquant_weight(f0, 8704, 2048, 30 + f0), v = kquant_weight(f1, 512, 2048, 40 + f1);
-    auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_pair_kquant(c, qk.kquant(), v.kquant()); };
-    for (int64_t M : {1, 16, 17, 32})
-      check(run, {&qk, &v}, {pj::Decode, M, {{0, 68, 1}, {68, 4, 8}}, 100, decode_row_tiles(M), M * 512 * 8 * 4}, rng);
-    // Past 32 rows, and at Prefill, two projections; v splits by the rule.
-    check(run, {&qk, &v}, {pj::Decode, 33, {{0, 68, 1}}, 68, 2, split_ws(33, 512, 2048), false}, rng);
-    check(run, {&qk, &v}, {pj::PrefillShuffledA, 20, {{0, 68, 1}}, 68, 1, 0, false}, rng);
-  }
-}
-
-// q in k-quant with k and v in bf16: arm 1 in T tiles by S from the seam.
-TEST_F(ProjFused, QKvPairWithBf16Arm) {
-  struct Geo {
-    int g;
-    int64_t K, Nq, Nkv, seam, T;
-    int S;
-  };
-  for (const Geo& g : {Geo{0, 2048, 8192, 1024, 64, 8, 4}, Geo{1, 5120, 12288, 2048, 96, 16, 8},
-                       Geo{3, 2560, 12288, 1024, 96, 8, 4}}) {
-    if (!quillon::geometry_built(g.g)) continue;
-    SCOPED_TRACE(testing::Message() << "geometry " << g.g);
-    ASSERT_EQ(quillon_select_geometry(g.g), 0);
-    qt::Rng rng(22);
-    const Weight q = kquant_weight(5, g.Nq, g.K, 50), kv = bf16_weight(g.Nkv, g.K, rng);
-    auto run = [&](const pj::ProjCall& c) { pj::qkv_proj_q_kv_kquant(c, q.kquant(), kv.bf16()); };
-    for (int64_t M : {3, 32})
-      check(run, {&q, &kv},
-            {pj::Decode, M, {{0, g.seam, 1}, {g.seam, g.T, g.S}}, g.seam + g.T * g.S, decode_row_tiles(M),
-             M * g.Nkv * g.S * 4},
-            rng);
-    check(run, {&q, &kv}, {pj::Decode, 40, {{0, g.seam, 1}}, g.seam, 2, split_ws(40, g.Nkv, g.K), false}, rng);
-  }
-}
-
-// Gate and up at N 17408, geometry 1: an arm 1 of no more code bits runs
-// unsplit beside arm 0 (grid 272); a wider one splits by 2, or by 4 at (3, 8).
-TEST_F(ProjFused, MlpWidthPairs) {
-  QT_SELECT_GEOMETRY(1);
-  qt::Rng rng(23);
-  struct Pair {
-    int f0, f1, s;
-  };
-  for (const Pair& p : {Pair{6, 4, 1}, Pair{23, 20, 1}, Pair{4, 6, 2}, Pair{3, 8, 4}}) {
-    SCOPED_TRACE(testing::Message() << "formats " << p.f0 << ", " << p.f1);
-    const Weight gate = kquant_weight(p.f0, 17408, 5120, 60 + p.f0), up = kquant_weight(p.f1, 17408, 5120, 70 + p.f1);
-    auto run = [&](const pj::ProjCall& c) { pj::mlp_gate_up_pair_kquant(c, gate.kquant(), up.kquant()); };
-    for (int64_t M : {1, 17}) {
-      const int64_t ws = p.s > 1 ? M * 17408 * p.s * 4 : 0;
-      check(run, {&gate, &up}, {pj::Decode, M, {{0, 136, 1}, {136, 136, p.s}}, 136 + 136 * p.s, decode_row_tiles(M), ws},
-            rng);
-    }
-  }
-}
 
 // The linear-attention input: qkv, then the one-tile bf16 arm in S2 splits,
 // then z in T1 tiles by S1 (at most 256 blocks); its partials after z's.
@@ -199,42 +122,6 @@ TEST_F(ProjFused, LinearInTripleInTurn) {
   check(run4, {&qkv, &z4, &ba}, {pj::Decode, 33, first, 64, 2, in_turn_ws(33), false}, rng);
 }
 
-// The fused launches of the projection tables that no run above takes (each
-// run samples its blocks from the same seam, tiles, splits and grid x):
-// seam, split arm's tiles and splits, the bf16 arm's splits (triple), grid x.
-// Where the tables give a bf16 arm 8 splits at K 2048, 256 K per split is
-// below that arm's floor of 512 and it takes 4 (run above: q+kv at geometry 0,
-// the triple with qkv in format 3).
-TEST(ProjFusedLayout, EveryLaunchOfTheTables) {
-  struct Row {
-    const char* what;
-    int g;
-    pj::FusedLayout got;
-    int64_t seam, t1;
-    int s1, s2;
-    int64_t grid_x;
-  };
-  const Row rows[] = {
-      {"qk+v K 2560", 3, pj::qkv_pair_layout(3), 100, 4, 4, 0, 116},
-      {"qk+v K 5120", 1, pj::qkv_pair_layout(1), 104, 8, 8, 0, 168},
-      {"gate+up 20,23", 1, pj::mlp_pair_layout(1, 20, 23), 136, 136, 1, 0, 272},
-      {"gate+up 8,3", 1, pj::mlp_pair_layout(1, 8, 3), 136, 136, 1, 0, 272},
-      {"gate+up 3,20", 1, pj::mlp_pair_layout(1, 3, 20), 136, 136, 2, 0, 408},
-      {"triple K 2048 F 5", 0, pj::triple_layout(0, 5), 64, 32, 8, 4, 324},
-      {"triple K 2560 F 23", 3, pj::triple_layout(3, 23), 80, 48, 4, 4, 276},
-      {"triple K 5120 F 6", 1, pj::triple_layout(1, 6), 80, 48, 4, 4, 276},
-  };
-  for (const Row& r : rows) {
-    if (!quillon::geometry_built(r.g)) continue;
-    SCOPED_TRACE(r.what);
-    EXPECT_EQ(r.got.seam, r.seam);
-    EXPECT_EQ(r.got.t1, r.t1);
-    EXPECT_EQ(r.got.s1, r.s1);
-    EXPECT_EQ(r.got.s2, r.s2);
-    EXPECT_EQ(r.got.grid_x, r.grid_x);
-  }
-}
-
 // Eight records: group g reads its own [M, 4096] block of A and writes
 // columns g * 1024 of [M, 8192].
 TEST_F(ProjFused, GroupedEightRecords) {
@@ -274,9 +161,6 @@ TEST_F(ProjFused, Failures) {
   qt::DevBuf a(64 * 2048 * 2), c(64 * 9216 * 2);
   const pj::FormKQuant::Weight q4{4, {nullptr, nullptr}}, q5{5, {nullptr, nullptr}}, q2{2, {nullptr, nullptr}};
   pj::ProjCall call{a.get(), c.get(), 32, pj::Decode, nullptr, nullptr, nullptr};
-  EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q5, q5),
-                       "the segmented pair is for halves stored at DIFFERENT widths; both arrived at k-quant 5, which "
-                       "is the fused weight's job");
   EXPECT_QUILLON_FATAL(pj::qkv_proj_pair_kquant(call, q4, q5),
                        "the segmented pair's split arm needs its fp32 partials (got null)");
   EXPECT_QUILLON_FATAL(pj::qkv_proj_q_kv_kquant(call, q4, nullptr),

@@ -40,8 +40,6 @@ inline std::vector<double> gemm_abs(const std::vector<float>& A, const std::vect
 inline uint16_t bf16_out(float f) {
   return std::isnan(f) ? (uint16_t)((to_bits(f) | 0x400000u) >> 16) : round_bf16(f);
 }
-// The same rounding without a NaN case (scaled fp8 weights of the prefill path).
-inline uint16_t bf16_rne_plain(float f) { return round_bf16(f); }
 
 // An e4m3 weight byte: sign, 4 exponent bits e, 3 mantissa bits f, worth
 // 2^(e - 7) * (1 + f / 8) for every non-zero magnitude (exponent field 0 is
