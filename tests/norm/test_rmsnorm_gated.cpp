@@ -99,9 +99,7 @@ TEST(RmsNormGatedDeathTest, Contracts) {
   EXPECT_QUILLON_FATAL(quillon::rmsnorm_gated(a.get(), a.get(), 4096, a.get(), b.get(), 1, 1e-6f, nullptr),
                        "gate_stride must span the value dim (got 4096, need >= 6144)");
   QT_SELECT_GEOMETRY(2);
-  const char* two =
-      "geometry 2 does not carry this op; it belongs to a model family this build instantiates for other ids "
-      "(see quillon_geometry_name)";
+  const char* two = qt::kGeometryTwo;
   EXPECT_QUILLON_FATAL(quillon::rmsnorm_gated(a.get(), a.get(), 1 << 20, a.get(), b.get(), 1, 1e-6f, nullptr), two);
   EXPECT_QUILLON_FATAL(
       quillon::rmsnorm_gated_shuffled(a.get(), a.get(), 1 << 20, a.get(), b.get(), 1, 32, 1e-6f, nullptr), two);

@@ -11,10 +11,7 @@
 
 namespace st {
 
-inline void sync_ok() {
-  ASSERT_EQ(hipGetLastError(), hipSuccess);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-}
+using qt::sync_ok;
 
 // Probabilities as a softmax of random logits would give them: positive,
 // mostly distinct, summing to about 1.
