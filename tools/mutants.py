@@ -163,8 +163,8 @@ MUTANTS = [
     m("proj.pair_seam_off_by_one", "csrc/gemm_core/gemm_proj_fused.h",
       "  if (x < seam) main_arm<Cfg0>", "  if (x <= seam) main_arm<Cfg0>", "proj", heavy=True),
     # ---- rotary tables and rotation ----
-    m("rope.mrope_stream2_bound", "csrc/rope/rope_partial_mrope.cpp",
-      "j % 3 == 2 && j < 3 * S2", "j % 3 == 2 && j < 3 * S1", "rope"),
+    m("rope.mrope_stream1_section_swapped", "csrc/rope/rope_partial_mrope.cpp",
+      "j % 3 == 1 && j < 3 * S1", "j % 3 == 1 && j < 3 * S2", "rope"),
     m("rope.apply_fused_product_swapped", "csrc/rope/rope_core.h",
       "__builtin_fmaf(s, x0, c * x1)", "__builtin_fmaf(c, x1, s * x0)", "rope"),
     # ---- KV cache writers ----

@@ -330,11 +330,11 @@ inline std::vector<uint16_t> prefill_exact(const PrefillCase& c, uint16_t fill) 
         for (int64_t hq = 0; hq < k.nq; ++hq) {
           const int64_t token = c.cu_q[b] + blk * c.qb + lt, pos = ctx + blk * c.qb + lt, h = hq / G;
           const uint16_t* qr = &c.q[(size_t)((token * k.nq + hq) * HD)];
+          auto q = [&](int64_t d) { return widen(qr[d]); };
           float m = ninf, l = 0.0f, s[128];
           std::vector<float> acc(HD, 0.0f);
           for (int64_t tile = 0; tile <= last; tile += 128) {
-            for (int t = 0; t < 128; ++t)
-              s[t] = tile + t <= pos ? dot_hw(k, b, h, tile + t, [&](int64_t d) { return widen(qr[d]); }) * scale2 : ninf;
+            for (int t = 0; t < 128; ++t) s[t] = tile + t <= pos ? dot_hw(k, b, h, tile + t, q) * scale2 : ninf;
             online_tile(
                 s, HD, m, l, acc.data(), sum, [](int, float x) { return x; },
                 [&](int t, int64_t d) { return tile + t <= last ? k.value(b, h, tile + t, d) : 0.0f; });
@@ -357,8 +357,8 @@ inline void prefill_double(const PrefillCase& c, std::vector<double>& out, std::
     for (int64_t t = 0; t < q_len; ++t)
       for (int64_t hq = 0; hq < k.nq; ++hq) {
         const int64_t row = (c.cu_q[b] + t) * k.nq + hq;
-        attend_double(k, b, hq / (k.nq / k.nkv), ctx + t + 1, [&](int64_t d) { return widen(c.q[(size_t)(row * k.hd + d)]); },
-                      &out[(size_t)(row * k.hd)], vmax[(size_t)row]);
+        auto q = [&](int64_t d) { return widen(c.q[(size_t)(row * k.hd + d)]); };
+        attend_double(k, b, hq / (k.nq / k.nkv), ctx + t + 1, q, &out[(size_t)(row * k.hd)], vmax[(size_t)row]);
       }
   }
 }
