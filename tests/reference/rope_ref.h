@@ -67,13 +67,6 @@ inline void rope_apply(std::vector<uint16_t>& x, const Table& t, int64_t rows, i
     }
 }
 
-// Adjacent pair (a, b) of the tail; the inverse rotates by -s.
-inline void rotate_tail(float c, float s, bool inverse, uint16_t& a, uint16_t& b) {
-  float x0 = widen(a), x1 = widen(b);
-  rotate(c, inverse ? -s : s, x0, x1);
-  a = round_bf16(x0);
-  b = round_bf16(x1);
-}
 // groups blocks of [padded, cols]: row-major, or blk32 with row-block-major tiles.
 inline std::vector<uint16_t> rope_tail_group(const std::vector<uint16_t>& src, const Table& t, int64_t head,
                                              int64_t width, int64_t col_offset, int64_t cols, int64_t groups,
@@ -86,17 +79,15 @@ inline std::vector<uint16_t> rope_tail_group(const std::vector<uint16_t>& src, c
       for (int64_t h = 0; h < cols / head; ++h)
         for (int p = 0; p < 32; ++p) {
           const size_t d = (size_t)(h * head + head - 64 + 2 * p), e = (size_t)(r * 32 + p);
-          rotate_tail(t.cos[e], t.sin[e], inverse, row[d], row[d + 1]);
+          float x0 = widen(row[d]), x1 = widen(row[d + 1]);
+          rotate(t.cos[e], inverse ? -t.sin[e] : t.sin[e], x0, x1);
+          row[d] = round_bf16(x0);
+          row[d + 1] = round_bf16(x1);
         }
       for (int64_t c = 0; c < cols; ++c)
         dst[(size_t)(g * padded * cols) + (blk32 ? blk32_index(r, c, cols) : (size_t)(r * cols + c))] = row[c];
     }
   return dst;
-}
-// In place over tokens of `heads` heads: one group spanning the whole row.
-inline void rope_tail(std::vector<uint16_t>& x, const Table& t, int64_t head, int64_t heads, int64_t tokens,
-                      bool inverse) {
-  x = rope_tail_group(x, t, head, heads * head, 0, heads * head, 1, tokens, tokens, false, inverse);
 }
 
 // Sum of squares of one head as its lanes hold it: 8 dims a lane, then an xor
