@@ -43,6 +43,10 @@ TARGETS = {
     "lm_head": ["lm_head_test"],
     "gemm": ["gemm_test"],
     "proj": ["proj_test", "layer_proj_test"],
+    "rope": ["rope_test"],
+    "cache": ["kv_cache_test"],
+    "io": ["file_reader_test", "file_reader_helper"],
+    "attention": ["paged_attn_test"],
 }
 
 
@@ -177,6 +181,42 @@ MUTANTS = [
       "dec = M * kn.K * 2 + proj::split_scratch_bytes(M, kn.N, kn.K);", "dec = M * kn.K * 2;", "proj"),
     m("proj.linear_out_width_2048", "csrc/gemm_core/gemm_entry_proj.cpp",
       "std::is_same_v<G, Qwen3627B> ? 5120 : 2560", "std::is_same_v<G, Qwen3627B> ? 5120 : 2048", "proj"),
+    # ---- rotary tables and rotation ----
+    m("rope.mrope_stream1_section_swapped", "csrc/rope/rope_partial_mrope.cpp",
+      "j % 3 == 1 && j < 3 * S1", "j % 3 == 1 && j < 3 * S2", "rope"),
+    m("rope.apply_fused_product_swapped", "csrc/rope/rope_core.h",
+      "__builtin_fmaf(s, x0, c * x1)", "__builtin_fmaf(c, x1, s * x0)", "rope"),
+    # ---- KV cache writers ----
+    m("cache.int8_zero_row_scale", "csrc/cache/kv_cache_paged.cpp",
+      "amax > 0.0f ? amax / 127.0f : 1.0f", "amax / 127.0f", "cache"),
+    m("cache.k_only_checks_v_stride", "csrc/cache/kv_cache_paged.cpp",
+      "(!v_cache || v_row_stride % 8 == 0)", "v_row_stride % 8 == 0", "cache"),
+    m("cache.resolve_row_stride_ignored", "csrc/cache/resolve_slots.cpp",
+      "block_table[(int64_t)row * row_stride + b]", "block_table[(int64_t)row * page + b]", "cache"),
+    # ---- paged attention ----
+    m("attn.full_tile_ignores_row_mask", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "tb + TILE <= end && (!kRowMask || tb + TILE <= seq_len - (Q - 1))", "tb + TILE <= end", "attention"),
+    m("attn.partition_rescale_inverted", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "dev::exp2(m_old - m_new);\n      m_run[t][r]", "dev::exp2(m_new - m_old);\n      m_run[t][r]", "attention"),
+    m("attn.reduce_drops_last_slot", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "for (int i = 0; i < n; ++i) {\n    const int64_t at", "for (int i = 0; i + 1 < n; ++i) {\n    const int64_t at",
+      "attention"),
+    m("attn.int8_k_scale_index", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "ksc[g / 4] >> (16 * ((g / 2) % 2))", "ksc[g / 4] >> (16 * (g % 2))", "attention"),
+    m("attn.plan_end_unclamped", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "end = start + span < len ? start + span : len;", "end = start + span;", "attention"),
+    m("attn.v_tail_not_zeroed", "csrc/attention/full/paged_flash_attn_gqa_decode.cpp",
+      "        if (!full) vb[j] = zero_outside(vb[j], lo, hi_e);\n", "", "attention"),
+    m("attn.prefill_map_drops_partial_block", "csrc/attention/full/paged_flash_attn_gqa_prefill.cpp",
+      "for (int64_t b = 0; b < (q_lens[i] + qb - 1) / qb; ++b)", "for (int64_t b = 0; b < q_lens[i] / qb; ++b)",
+      "attention"),
+    # ---- file reader ----
+    m("io.tail_end_rounds_down", "csrc/io/file_read.cpp",
+      "aligned_end = (offset + bytes + A - 1) / A * A;", "aligned_end = (offset + bytes) / A * A;", "io"),
+    m("io.slot_taken_from_bottom", "csrc/io/file_read.cpp",
+      "const int32_t slot = r->free_slots.back();", "const int32_t slot = r->free_slots.front();", "io"),
+    m("io.tail_read_full_chunk", "csrc/io/file_read.cpp",
+      "std::min(r->chunk_bytes, aligned_end - off)", "r->chunk_bytes", "io"),
 ]
 
 

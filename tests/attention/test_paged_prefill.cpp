@@ -3,51 +3,29 @@
 // gated blk32 epilogue against the plain rows.
 #include <cmath>
 
-#include "common/test_util.h"
+#include "attention/paged_case.h"
 #include "quillon/quillon.h"
 #include "reference/hw_math.h"
-#include "reference/paged_attn_ref.h"
 #include "reference/rope_ref.h"
 
 namespace {
 
-struct Geo {
-  int id;
-  int64_t nq, nkv, hd, qb;
-};
-const Geo kGeos[] = {{0, 16, 2, 256, 16}, {1, 24, 4, 256, 32}, {3, 24, 2, 256, 16}};
-constexpr uint16_t kPoison = 0xFFFF;
+using pa::Geo;
+using pa::kGeos;
+using pa::kPoison;
 
-// Requests given as (new tokens, earlier tokens); pages scattered, slots past
-// each sequence's end hold NaN.
+// Requests given as (new tokens, earlier tokens).
 ref::PrefillCase make_case(qt::Rng& rng, const Geo& g, const std::vector<std::pair<int32_t, int32_t>>& reqs) {
   ref::PrefillCase c;
-  ref::DecodeCase& k = c.pool;
-  k.nq = g.nq, k.nkv = g.nkv, k.hd = g.hd, k.scale = 1.0f / 16.0f;
-  c.qb = g.qb;
+  std::vector<int32_t> lens;
   c.cu_q = {0};
   for (auto [n, ctx] : reqs) {
     c.cu_q.push_back(c.cu_q.back() + n);
-    k.seq_lens.push_back(n + ctx);
+    lens.push_back(n + ctx);
   }
-  int64_t most = 1;
-  for (int32_t l : k.seq_lens) most = std::max<int64_t>(most, ref::cdiv(l, 16));
-  k.row_stride = most + 1;
-  const int64_t pages = (int64_t)reqs.size() * k.row_stride + 7;
-  std::vector<int32_t> order(pages);
-  for (int64_t i = 0; i < pages; ++i) order[i] = (int32_t)(pages - 1 - i);
-  std::shuffle(order.begin(), order.end(), rng.g);
-  k.table.assign(order.begin(), order.begin() + (int64_t)reqs.size() * k.row_stride);
-  k.k16 = rng.bf16s((size_t)(pages * k.nkv * k.hd * 16));
-  k.v16 = rng.bf16s(k.k16.size());
-  for (size_t b = 0; b < reqs.size(); ++b)
-    for (int64_t t = k.seq_lens[b]; t < ref::cdiv(k.seq_lens[b], 16) * 16; ++t)
-      for (int64_t h = 0; h < k.nkv; ++h)
-        for (int64_t d = 0; d < k.hd; ++d) {
-          k.k16[(size_t)ref::kv_k_index(k.shape(), k.page_of((int64_t)b, t), h, d, t % 16)] = 0x7FC0;
-          k.v16[(size_t)ref::kv_v_index(k.shape(), k.page_of((int64_t)b, t), h, d, t % 16)] = 0x7FC0;
-        }
-  c.q = rng.bf16s((size_t)(c.cu_q.back() * k.nq * k.hd));
+  c.pool = pa::make_case(rng, g, 1, lens, false);
+  c.qb = g.qb;
+  c.q = rng.bf16s((size_t)(c.cu_q.back() * g.nq * g.hd));
   return c;
 }
 
@@ -147,8 +125,7 @@ TEST(PagedPrefillDeathTest, Messages) {
   EXPECT_EQ(quillon_paged_attn_prefill_int8(p, p, p, p, p, p, p, p, p, 1, 1, 5, 16, nullptr, p, none, 1.0f),
             hipSuccess);
   QT_SELECT_GEOMETRY(2);
-  const char* g2 = "geometry 2 does not carry this op; it belongs to a model family this build instantiates for "
-                   "other ids (see quillon_geometry_name)";
+  const char* g2 = qt::kGeometryTwo;
   EXPECT_QUILLON_FATAL(quillon_paged_attn_prefill(p, p, p, p, p, p, p, 1, 1, 1, 16, nullptr, p, none, 1.0f), g2);
   EXPECT_QUILLON_FATAL(quillon_paged_attn_prefill_int8(p, p, p, p, p, p, p, p, p, 1, 1, 1, 16, nullptr, p, none, 1.0f),
                        g2);

@@ -123,6 +123,18 @@ inline ::testing::Matcher<const std::string&> fatal_message(const std::string& m
   return ::testing::MakeMatcher(new FatalTail(msg));
 }
 
+// The launches went in and finished.
+inline void sync_ok() {
+  ASSERT_EQ(hipGetLastError(), hipSuccess);
+  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
+}
+
+inline const char* const kGeometryTwo =
+    "geometry 2 does not carry this op; it belongs to a model family this build instantiates for other ids "
+    "(see quillon_geometry_name)";
+inline const char* const kNoGeometry =
+    "no model geometry is selected; call quillon_select_geometry(id) once before any other entry point";
+
 // Index of the first differing element, or -1.
 template <class T>
 inline int64_t first_mismatch(const std::vector<T>& a, const std::vector<T>& b) {

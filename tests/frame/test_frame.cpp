@@ -1,5 +1,4 @@
 // The ABI frame: records, selection, names, and the fatal contracts.
-#include <cstddef>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -22,17 +21,6 @@ const int64_t kColumns[37][4] = {
     {8192, 10240, 0, 10240}, {12288, 16384, 0, 16384}, {12320, 16432, 0, 16432}, {256, 0, 256, 512},
     {256, 0, 256, 512}, {257, 0, 257, 513}, {8, 0, 6, 10}, {9, 0, 7, 11}, {512, 0, 2048, 640},
     {1024, 1024, 1024, 1024}, {32, 32, 32, 32}, {0, 17408, 0, 0}, {0, 34816, 0, 0}};
-
-TEST(Record, WireLayout) {
-  EXPECT_EQ(sizeof(QuillonModelConfig), 296u);
-  EXPECT_EQ(offsetof(QuillonModelConfig, qkv_rows), 48u);
-  EXPECT_EQ(offsetof(QuillonModelConfig, conv_width), 136u);
-  EXPECT_EQ(offsetof(QuillonModelConfig, moe_intermediate), 256u);
-  EXPECT_EQ(offsetof(QuillonModelConfig, reserved_b), 272u);
-  EXPECT_EQ(offsetof(QuillonModelConfig, mlp_intermediate), 280u);
-  EXPECT_EQ(sizeof(QuillonDraftShape), 56u);
-  EXPECT_EQ(offsetof(QuillonDraftShape, intermediate), 40u);
-}
 
 TEST(Record, ExactColumnsForEveryGeometry) {
   for (int g = 0; g < 4; ++g) {
@@ -168,14 +156,7 @@ TEST(FrameDeathTest, ConfigWithoutSelection) {
         QuillonModelConfig c;
         quillon_model_config(&c);
       },
-      "no model geometry is selected; call quillon_select_geometry(id) once before any other entry point");
-}
-
-TEST(FrameDeathTest, NormUnderGeometryTwo) {
-  QT_SELECT_GEOMETRY(2);
-  EXPECT_QUILLON_FATAL((void)quillon_rmsnorm(nullptr, nullptr, nullptr, 1, 1e-6f, nullptr),
-                       "geometry 2 does not carry this op; it belongs to a model family this build instantiates for "
-                       "other ids (see quillon_geometry_name)");
+      qt::kNoGeometry);
 }
 
 // Compute unit count: each case runs in its own process with its own

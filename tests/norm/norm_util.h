@@ -116,10 +116,6 @@ inline void sensitise_gate(const std::vector<uint16_t>& x, std::vector<uint16_t>
     }
 }
 
-// The launch went in and finished.
-inline void sync_ok() {
-  ASSERT_EQ(hipGetLastError(), hipSuccess);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-}
+using qt::sync_ok;
 
 }  // namespace nt

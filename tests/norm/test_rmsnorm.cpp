@@ -110,9 +110,7 @@ TEST(RmsNorm, NoRowsWritesNothing) {
   for (uint16_t v : dout.download<uint16_t>()) ASSERT_EQ(v, 0xFFFF);
 }
 
-const char* kGeometryTwo =
-    "geometry 2 does not carry this op; it belongs to a model family this build instantiates for other ids "
-    "(see quillon_geometry_name)";
+using qt::kGeometryTwo;
 
 TEST(RmsNormDeathTest, GeometryTwoCarriesNone) {
   QT_SELECT_GEOMETRY(2);
@@ -126,9 +124,7 @@ TEST(RmsNormDeathTest, NoGeometrySelected) {
   // The child re-runs this case from the start, so no selection made elsewhere
   // in this process reaches it.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_QUILLON_FATAL((void)quillon_rmsnorm(nullptr, nullptr, nullptr, 1, 1e-6f, nullptr),
-                       "no model geometry is selected; call quillon_select_geometry(id) once before any other entry "
-                       "point");
+  EXPECT_QUILLON_FATAL((void)quillon_rmsnorm(nullptr, nullptr, nullptr, 1, 1e-6f, nullptr), qt::kNoGeometry);
 }
 
 }  // namespace

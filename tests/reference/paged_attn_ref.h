@@ -106,6 +106,12 @@ struct DecodeCase {
     const float u = (float)(uint8_t)((uint8_t)k8[(size_t)at] ^ 0x80u);
     return widen((uint16_t)((to_bits(std::fma(u, s, -128.0f * s)) + 0x8000u) >> 16));
   }
+  // Key as stored: bf16, or the int8 byte times its scale.
+  double key_stored(int64_t seq, int64_t h, int64_t tok, int64_t d) const {
+    const int64_t p = page_of(seq, tok), at = kv_k_index(shape(), p, h, d, tok % 16);
+    return int8 ? (double)k8[(size_t)at] * widen(ks[(size_t)(((p * 16 + tok % 16) * nkv + h) * (hd / 32) + d / 32)])
+                : widen(k16[(size_t)at]);
+  }
   // Value operand (int8: the byte; its scale goes with p).
   float value(int64_t seq, int64_t h, int64_t tok, int64_t d) const {
     const int64_t p = page_of(seq, tok), at = kv_v_index(shape(), p, h, d, tok % 16);
@@ -139,6 +145,43 @@ inline float tree16(const float* v) {
   return a[0];
 }
 
+// q.k of one token as the matrix instruction forms it: 16-term fused chains
+// from zero, added in order.
+template <class Q>
+inline float dot_hw(const DecodeCase& c, int64_t seq, int64_t h, int64_t tok, Q q) {
+  float acc = 0.0f;
+  for (int64_t g = 0; g < c.hd / 16; ++g) {
+    float d = 0.0f;
+    for (int e = 0; e < 16; ++e) d = std::fma(q(16 * g + e), c.key(seq, h, tok, 16 * g + e), d);
+    acc = acc + d;
+  }
+  return acc;
+}
+
+// One 128-token tile of the online softmax of one row: s holds the scaled,
+// masked scores; `sum` adds the tile's p in the kernel's order; p times
+// `pmul` is rounded to bf16 and multiplies `value(k, d)`.
+template <class Sum, class PMul, class Value>
+inline void online_tile(const float* s, int64_t hd, float& m, float& l, float* acc, Sum sum, PMul pmul, Value value) {
+  const float ninf = -std::numeric_limits<float>::infinity();
+  float m_new = m, p[128], pb[128];
+  for (int k = 0; k < 128; ++k) m_new = std::fmax(m_new, s[k]);
+  const float alpha = m == ninf ? 0.0f : hw_exp2(m - m_new);
+  for (int k = 0; k < 128; ++k) p[k] = m_new == ninf ? 0.0f : hw_exp2(s[k] - m_new);
+  l = sum(p) + l * alpha;
+  m = m_new;
+  for (int k = 0; k < 128; ++k) pb[k] = widen(round_bf16_quiet(pmul(k, p[k])));
+  for (int64_t d = 0; d < hd; ++d) {
+    float a = acc[d] * alpha;
+    for (int pw = 0; pw < 8; ++pw) {
+      float dd = 0.0f;
+      for (int e = 0; e < 16; ++e) dd = std::fma(pb[16 * pw + e], value(16 * pw + e, d), dd);
+      a = a + dd;
+    }
+    acc[d] = a;
+  }
+}
+
 struct Partial {
   std::vector<float> m, l, acc;  // [row], [row], [row][hd]
 };
@@ -146,54 +189,28 @@ struct Partial {
 // The slot's partial for all R rows, in the device's order.
 inline Partial decode_slot(const DecodeCase& c, int64_t seq, int64_t h, int64_t start, int64_t end) {
   const int64_t G = c.nq / c.nkv, R = c.q_rows * G, HD = c.hd;
-  const float ninf = -std::numeric_limits<float>::infinity();
-  const float scale2 = c.scale * 1.4426950216f;
+  const float ninf = -std::numeric_limits<float>::infinity(), scale2 = c.scale * 1.4426950216f;
   Partial P{std::vector<float>(R, ninf), std::vector<float>(R, 0.0f), std::vector<float>(R * HD, 0.0f)};
   const int64_t len = c.q_rows > 1 && !c.all_see ? c.seq_lens[(size_t)seq] : 0;
+  auto sum = [](const float* p) {
+    float s = tree16(p);
+    for (int w = 1; w < 8; ++w) s = s + tree16(p + 16 * w);
+    return s;
+  };
   for (int64_t tb = start / 16 * 16; tb < end; tb += 128) {
     const bool full = tb >= start && tb + 128 <= end && (c.q_rows == 1 || c.all_see || tb + 128 <= len - (c.q_rows - 1));
+    auto in = [&](int64_t tok) { return tok >= start && tok < end; };
     for (int64_t rr = 0; rr < R; ++rr) {
-      float s[128], p[128];
+      float s[128];
       for (int k = 0; k < 128; ++k) {
         const int64_t tok = tb + k;
-        float acc = 0.0f;
-        for (int64_t g = 0; g < HD / 16; ++g) {
-          float d = 0.0f;
-          for (int e = 0; e < 16; ++e) d = std::fma(c.qv(seq, rr, h, 16 * g + e), c.key(seq, h, tok, 16 * g + e), d);
-          acc = acc + d;
-        }
-        const bool ok = tok >= start && tok < end && tok < c.row_limit(len, rr / G);
-        s[k] = full || ok ? acc * scale2 : ninf;
+        const float dot = dot_hw(c, seq, h, tok, [&](int64_t d) { return c.qv(seq, rr, h, d); });
+        s[k] = full || (in(tok) && tok < c.row_limit(len, rr / G)) ? dot * scale2 : ninf;
       }
-      float m_new = P.m[rr];
-      for (int k = 0; k < 128; ++k) m_new = std::fmax(m_new, s[k]);
-      const float alpha = P.m[rr] == ninf ? 0.0f : hw_exp2(P.m[rr] - m_new);
-      for (int k = 0; k < 128; ++k) p[k] = m_new == ninf ? 0.0f : hw_exp2(s[k] - m_new);
-      float sum = tree16(p);
-      for (int w = 1; w < 8; ++w) sum = sum + tree16(p + 16 * w);
-      P.l[rr] = sum + P.l[rr] * alpha;
-      P.m[rr] = m_new;
-      float pb[128];
-      for (int k = 0; k < 128; ++k) {
-        const int64_t tok = tb + k;
-        const bool in = tok >= start && tok < end;
-        float x = p[k];
-        if (c.int8) x = in ? x * c.v_scale(seq, h, tok) : 0.0f;
-        pb[k] = widen(round_bf16_quiet(x));
-      }
-      for (int64_t d = 0; d < HD; ++d) {
-        float a = P.acc[rr * HD + d] * alpha;
-        for (int pw = 0; pw < 8; ++pw) {
-          float dd = 0.0f;
-          for (int e = 0; e < 16; ++e) {
-            const int64_t tok = tb + 16 * pw + e;
-            const bool in = tok >= start && tok < end;
-            dd = std::fma(pb[16 * pw + e], (full || in) ? c.value(seq, h, tok, d) : 0.0f, dd);
-          }
-          a = a + dd;
-        }
-        P.acc[rr * HD + d] = a;
-      }
+      online_tile(
+          s, HD, P.m[rr], P.l[rr], &P.acc[rr * HD], sum,
+          [&](int k, float x) { return !c.int8 ? x : in(tb + k) ? x * c.v_scale(seq, h, tb + k) : 0.0f; },
+          [&](int k, int64_t d) { return full || in(tb + k) ? c.value(seq, h, tb + k, d) : 0.0f; });
     }
   }
   return P;
@@ -231,39 +248,39 @@ inline std::vector<uint16_t> decode_exact(const DecodeCase& c, const Plan& plan,
   return out;
 }
 
-// Attention in double over the stored inputs (int8: byte times scale), and
-// the largest |v| each output row saw, for the error bound.
+// Softmax in double of one query row over tokens [0, lim) of request b's
+// head h (int8 keys: byte times scale), into out[0, hd); vmax gets the
+// largest |v| it saw, for the error bound.
+template <class Q>
+inline void attend_double(const DecodeCase& c, int64_t b, int64_t h, int64_t lim, Q q, double* out, double& vmax) {
+  std::vector<double> s;
+  for (int64_t t = 0; t < lim; ++t) {
+    double dot = 0.0;
+    for (int64_t d = 0; d < c.hd; ++d) dot += (double)q(d) * c.key_stored(b, h, t, d);
+    s.push_back(dot * c.scale);
+  }
+  if (s.empty()) return;
+  const double mx = *std::max_element(s.begin(), s.end());
+  double l = 0.0;
+  for (double& x : s) l += x = std::exp(x - mx);
+  for (int64_t t = 0; t < lim; ++t)
+    for (int64_t d = 0; d < c.hd; ++d) {
+      const double v = (double)c.value(b, h, t, d) * c.v_scale(b, h, t);
+      out[d] += s[t] / l * v;
+      vmax = std::max(vmax, std::fabs(v));
+    }
+}
+
 inline void decode_double(const DecodeCase& c, std::vector<double>& out, std::vector<double>& vmax) {
-  const int64_t G = c.nq / c.nkv, HD = c.hd, ns = (int64_t)c.seq_lens.size();
-  out.assign((size_t)(ns * c.q_stride * c.nq * HD), 0.0);
-  vmax.assign(out.size() / HD, 0.0);
+  const int64_t G = c.nq / c.nkv, ns = (int64_t)c.seq_lens.size();
+  out.assign((size_t)(ns * c.q_stride * c.nq * c.hd), 0.0);
+  vmax.assign(out.size() / c.hd, 0.0);
   for (int64_t b = 0; b < ns; ++b)
     for (int64_t h = 0; h < c.nkv; ++h)
       for (int64_t rr = 0; rr < c.q_rows * G; ++rr) {
         const int64_t len = c.seq_lens[(size_t)b], lim = std::min(len, c.row_limit(len, rr / G));
         const size_t row = (size_t)((b * c.q_stride + rr / G) * c.nq + h * G + rr % G);
-        std::vector<double> s;
-        for (int64_t t = 0; t < lim; ++t) {
-          double dot = 0.0;
-          for (int64_t d = 0; d < HD; ++d) {
-            const int64_t p = c.page_of(b, t), at = kv_k_index(c.shape(), p, h, d, t % 16);
-            const double k = c.int8 ? (double)c.k8[(size_t)at] *
-                                          widen(c.ks[(size_t)(((p * 16 + t % 16) * c.nkv + h) * (HD / 32) + d / 32)])
-                                    : widen(c.k16[(size_t)at]);
-            dot += (double)c.qv(b, rr, h, d) * k;
-          }
-          s.push_back(dot * c.scale);
-        }
-        if (s.empty()) continue;
-        const double mx = *std::max_element(s.begin(), s.end());
-        double l = 0.0;
-        for (double& x : s) l += x = std::exp(x - mx);
-        for (int64_t t = 0; t < lim; ++t)
-          for (int64_t d = 0; d < HD; ++d) {
-            const double v = (double)c.value(b, h, t, d) * c.v_scale(b, h, t);
-            out[row * HD + d] += s[t] / l * v;
-            vmax[row] = std::max(vmax[row], std::fabs(v));
-          }
+        attend_double(c, b, h, lim, [&](int64_t d) { return c.qv(b, rr, h, d); }, &out[row * c.hd], vmax[row]);
       }
 }
 
@@ -294,63 +311,37 @@ inline std::vector<uint16_t> prefill_exact(const PrefillCase& c, uint16_t fill) 
   const DecodeCase& k = c.pool;
   const int64_t G = k.nq / k.nkv, HD = k.hd;
   const float ninf = -std::numeric_limits<float>::infinity(), scale2 = k.scale * 1.4426950216f;
+  auto sum = [](const float* p) {
+    float groups[4];
+    for (int tg = 0; tg < 4; ++tg) {
+      float half[2] = {0.0f, 0.0f};
+      for (int hi = 0; hi < 2; ++hi)
+        for (int i = 0; i < 16; ++i) half[hi] = half[hi] + p[32 * tg + 2 * i + hi];
+      groups[tg] = half[0] + half[1];
+    }
+    return ((groups[0] + groups[1]) + groups[2]) + groups[3];
+  };
   std::vector<uint16_t> out(c.q.size(), fill);
-  for (size_t b = 0; b + 1 < c.cu_q.size(); ++b) {
+  for (int64_t b = 0; b + 1 < (int64_t)c.cu_q.size(); ++b) {
     const int64_t q_len = c.cu_q[b + 1] - c.cu_q[b], ctx = k.seq_lens[b] - q_len;
     for (int64_t blk = 0; blk < cdiv(q_len, c.qb); ++blk) {
       const int64_t n = std::min(c.qb, q_len - blk * c.qb), last = ctx + blk * c.qb + n - 1;
-      for (int64_t h = 0; h < k.nkv; ++h)
-        for (int64_t lt = 0; lt < n; ++lt)
-          for (int64_t hh = 0; hh < G; ++hh) {
-            const int64_t token = c.cu_q[b] + blk * c.qb + lt, pos = ctx + blk * c.qb + lt;
-            const uint16_t* qr = &c.q[(size_t)((token * k.nq + h * G + hh) * HD)];
-            float m = ninf, l = 0.0f;
-            std::vector<float> acc(HD, 0.0f);
-            for (int64_t tile = 0; tile <= last; tile += 128) {
-              float s[128], p[128], pb[128];
-              for (int t = 0; t < 128; ++t) {
-                float a = 0.0f;
-                for (int64_t g = 0; g < HD / 16; ++g) {
-                  float d = 0.0f;
-                  for (int e = 0; e < 16; ++e)
-                    d = std::fma(k.key((int64_t)b, h, tile + t, 16 * g + e), widen(qr[16 * g + e]), d);
-                  a = a + d;
-                }
-                s[t] = tile + t <= pos ? a * scale2 : ninf;
-              }
-              float m_new = m;
-              for (float x : s) m_new = std::fmax(m_new, x);
-              const float alpha = m == ninf ? 0.0f : hw_exp2(m - m_new);
-              for (int t = 0; t < 128; ++t) {
-                p[t] = m_new == ninf ? 0.0f : hw_exp2(s[t] - m_new);
-                pb[t] = widen(round_bf16_quiet(p[t]));
-              }
-              float groups[4];
-              for (int tg = 0; tg < 4; ++tg) {
-                float half[2] = {0.0f, 0.0f};
-                for (int hi = 0; hi < 2; ++hi)
-                  for (int i = 0; i < 16; ++i) half[hi] = half[hi] + p[32 * tg + 2 * i + hi];
-                groups[tg] = half[0] + half[1];
-              }
-              l = (((groups[0] + groups[1]) + groups[2]) + groups[3]) + l * alpha;
-              m = m_new;
-              for (int64_t d = 0; d < HD; ++d) {
-                float a = acc[d] * alpha;
-                for (int pw = 0; pw < 8; ++pw) {
-                  float dd = 0.0f;
-                  for (int e = 0; e < 16; ++e) {
-                    const int64_t tok = tile + 16 * pw + e;
-                    dd = std::fma(tok <= last ? k.value((int64_t)b, h, tok, d) : 0.0f, pb[16 * pw + e], dd);
-                  }
-                  a = a + dd;
-                }
-                acc[d] = a;
-              }
-            }
-            const float inv = 1.0f / l;
-            for (int64_t d = 0; d < HD; ++d)
-              out[(size_t)((token * k.nq + h * G + hh) * HD + d)] = round_bf16_quiet(acc[d] * inv);
+      for (int64_t lt = 0; lt < n; ++lt)
+        for (int64_t hq = 0; hq < k.nq; ++hq) {
+          const int64_t token = c.cu_q[b] + blk * c.qb + lt, pos = ctx + blk * c.qb + lt, h = hq / G;
+          const uint16_t* qr = &c.q[(size_t)((token * k.nq + hq) * HD)];
+          auto q = [&](int64_t d) { return widen(qr[d]); };
+          float m = ninf, l = 0.0f, s[128];
+          std::vector<float> acc(HD, 0.0f);
+          for (int64_t tile = 0; tile <= last; tile += 128) {
+            for (int t = 0; t < 128; ++t) s[t] = tile + t <= pos ? dot_hw(k, b, h, tile + t, q) * scale2 : ninf;
+            online_tile(
+                s, HD, m, l, acc.data(), sum, [](int, float x) { return x; },
+                [&](int t, int64_t d) { return tile + t <= last ? k.value(b, h, tile + t, d) : 0.0f; });
           }
+          for (int64_t d = 0; d < HD; ++d)
+            out[(size_t)((token * k.nq + hq) * HD + d)] = round_bf16_quiet(acc[d] * (1.0f / l));
+        }
     }
   }
   return out;
@@ -359,29 +350,15 @@ inline std::vector<uint16_t> prefill_exact(const PrefillCase& c, uint16_t fill) 
 // Causal softmax in double, and the largest |v| of each row's history.
 inline void prefill_double(const PrefillCase& c, std::vector<double>& out, std::vector<double>& vmax) {
   const DecodeCase& k = c.pool;
-  const int64_t G = k.nq / k.nkv, HD = k.hd;
   out.assign(c.q.size(), 0.0);
-  vmax.assign(c.q.size() / HD, 0.0);
-  for (size_t b = 0; b + 1 < c.cu_q.size(); ++b) {
+  vmax.assign(c.q.size() / k.hd, 0.0);
+  for (int64_t b = 0; b + 1 < (int64_t)c.cu_q.size(); ++b) {
     const int64_t q_len = c.cu_q[b + 1] - c.cu_q[b], ctx = k.seq_lens[b] - q_len;
     for (int64_t t = 0; t < q_len; ++t)
       for (int64_t hq = 0; hq < k.nq; ++hq) {
-        const int64_t token = c.cu_q[b] + t, h = hq / G, row = token * k.nq + hq;
-        std::vector<double> s;
-        for (int64_t p = 0; p <= ctx + t; ++p) {
-          double dot = 0.0;
-          for (int64_t d = 0; d < HD; ++d) dot += (double)widen(c.q[(size_t)(row * HD + d)]) * k.key((int64_t)b, h, p, d);
-          s.push_back(dot * k.scale);
-        }
-        const double mx = *std::max_element(s.begin(), s.end());
-        double l = 0.0;
-        for (double& x : s) l += x = std::exp(x - mx);
-        for (int64_t p = 0; p <= ctx + t; ++p)
-          for (int64_t d = 0; d < HD; ++d) {
-            const double v = k.value((int64_t)b, h, p, d);
-            out[(size_t)(row * HD + d)] += s[p] / l * v;
-            vmax[(size_t)row] = std::max(vmax[(size_t)row], std::fabs(v));
-          }
+        const int64_t row = (c.cu_q[b] + t) * k.nq + hq;
+        auto q = [&](int64_t d) { return widen(c.q[(size_t)(row * k.hd + d)]); };
+        attend_double(k, b, hq / (k.nq / k.nkv), ctx + t + 1, q, &out[(size_t)(row * k.hd)], vmax[(size_t)row]);
       }
   }
 }

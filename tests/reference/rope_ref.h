@@ -14,9 +14,6 @@ namespace ref {
 inline size_t blk32_index(int64_t r, int64_t c, int64_t C) {
   return (size_t)(((r / 32) * (C / 32) + c / 32) * 1024 + (r % 32) * 32 + (c % 32));
 }
-}  // namespace ref
-
-namespace ref {
 
 // Angle of pair j: the position rounded to float, times the frequency in float.
 inline float rope_angle(float inv_freq, int64_t pos) { return inv_freq * (float)pos; }
@@ -70,22 +67,6 @@ inline void rope_apply(std::vector<uint16_t>& x, const Table& t, int64_t rows, i
     }
 }
 
-// Adjacent pair (a, b) of the tail; the inverse rotates by -s.
-inline void rotate_tail(float c, float s, bool inverse, uint16_t& a, uint16_t& b) {
-  float x0 = widen(a), x1 = widen(b);
-  rotate(c, inverse ? -s : s, x0, x1);
-  a = round_bf16(x0);
-  b = round_bf16(x1);
-}
-// Rows of one head each, table row r / heads of 32 entries.
-inline void rope_tail(std::vector<uint16_t>& x, const Table& t, int64_t head, int64_t heads, int64_t tokens,
-                      bool inverse) {
-  for (int64_t r = 0; r < tokens * heads; ++r)
-    for (int p = 0; p < 32; ++p) {
-      const size_t e = (size_t)(r / heads * 32 + p), d = (size_t)(r * head + head - 64 + 2 * p);
-      rotate_tail(t.cos[e], t.sin[e], inverse, x[d], x[d + 1]);
-    }
-}
 // groups blocks of [padded, cols]: row-major, or blk32 with row-block-major tiles.
 inline std::vector<uint16_t> rope_tail_group(const std::vector<uint16_t>& src, const Table& t, int64_t head,
                                              int64_t width, int64_t col_offset, int64_t cols, int64_t groups,
@@ -98,7 +79,10 @@ inline std::vector<uint16_t> rope_tail_group(const std::vector<uint16_t>& src, c
       for (int64_t h = 0; h < cols / head; ++h)
         for (int p = 0; p < 32; ++p) {
           const size_t d = (size_t)(h * head + head - 64 + 2 * p), e = (size_t)(r * 32 + p);
-          rotate_tail(t.cos[e], t.sin[e], inverse, row[d], row[d + 1]);
+          float x0 = widen(row[d]), x1 = widen(row[d + 1]);
+          rotate(t.cos[e], inverse ? -t.sin[e] : t.sin[e], x0, x1);
+          row[d] = round_bf16(x0);
+          row[d + 1] = round_bf16(x1);
         }
       for (int64_t c = 0; c < cols; ++c)
         dst[(size_t)(g * padded * cols) + (blk32 ? blk32_index(r, c, cols) : (size_t)(r * cols + c))] = row[c];

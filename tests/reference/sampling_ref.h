@@ -7,17 +7,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <numeric>
 #include <vector>
 
-namespace ref::sampling {
+#include "ref_bits.h"
 
-inline uint32_t bits(float f) {
-  uint32_t u;
-  std::memcpy(&u, &f, 4);
-  return u;
-}
+namespace ref::sampling {
 
 // exp((x - max) / t) / sum over the row, with max over the raw logits (NaNs
 // ignored) and the argument formed in float as the operator forms it.
@@ -96,7 +91,7 @@ inline TopK topk_topp_row(const float* p, int64_t V, int64_t K, int64_t top_k, b
     r.vals.push_back(p[order[(size_t)i]]);
     slot[(size_t)i] = p[order[(size_t)i]];
   }
-  r.kth_bits = bits(r.vals.back());
+  r.kth_bits = to_bits(r.vals.back());
   const float s = pairwise_sum(slot);
   const float inv_s = s > 0.0f ? 1.0f / s : 0.0f;
   for (int64_t i = 0; i < r.k; ++i) slot[(size_t)i] = slot[(size_t)i] * inv_s;

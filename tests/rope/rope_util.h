@@ -8,10 +8,7 @@
 
 namespace rt {
 
-inline void sync_ok() {
-  ASSERT_EQ(hipGetLastError(), hipSuccess);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-}
+using qt::sync_ok;
 
 // Distance in float steps (signed-magnitude order).
 inline int64_t ulps(float a, float b) {
@@ -48,10 +45,7 @@ inline void tune_pair(float& c, float& s, float x0, float x1, bool first, bool i
   else s = sg * tie_coefficient(sg * s, x0, (double)c * x1);
 }
 
-inline const char* kGeometryTwo =
-    "geometry 2 does not carry this op; it belongs to a model family this build instantiates for other ids "
-    "(see quillon_geometry_name)";
-inline const char* kNoGeometry =
-    "no model geometry is selected; call quillon_select_geometry(id) once before any other entry point";
+using qt::kGeometryTwo;
+using qt::kNoGeometry;
 
 }  // namespace rt

@@ -101,100 +101,68 @@ void tune_tail(ref::Table& t, const std::vector<uint16_t>& x, int64_t rows, int6
 }
 
 struct ApplyCase {
-  int geometry;
+  int geometry;  // -1: the indexer's entry, which takes the head count
   bool query;
-  int heads;
+  int heads, head;
 };
 
-TEST(RopeApply, QueriesAndKeysEveryGeometry) {
+TEST(RopeApply, QueriesKeysAndIndexerHeads) {
   qt::Rng rng(33);
-  const ApplyCase cases[] = {{0, true, 16}, {0, false, 2}, {1, true, 24}, {1, false, 4}, {3, true, 24}, {3, false, 2}};
+  const ApplyCase cases[] = {{0, true, 16, 256}, {0, false, 2, 256}, {1, true, 24, 256}, {1, false, 4, 256},
+                             {3, true, 24, 256}, {3, false, 2, 256}, {-1, true, 1, 128}, {-1, true, 4, 128}};
   const int64_t n = 5;
   for (const ApplyCase& c : cases) {
-    SCOPED_TRACE(testing::Message() << "geometry " << c.geometry << (c.query ? " q" : " k"));
-    if (!quillon::geometry_built(c.geometry)) continue;
-    ASSERT_EQ(quillon_select_geometry(c.geometry), 0);
-    auto x = rng.bf16s((size_t)(n * c.heads * 256));
+    SCOPED_TRACE(testing::Message() << "geometry " << c.geometry << (c.query ? " q " : " k ") << c.heads << " heads");
+    if (c.geometry >= 0 && !quillon::geometry_built(c.geometry)) continue;
+    if (c.geometry >= 0) ASSERT_EQ(quillon_select_geometry(c.geometry), 0);
+    auto x = rng.bf16s((size_t)(n * c.heads * c.head));
     auto t = rt::random_table(rng, n, 64);
-    tune_half_split(t, x, n, c.heads, 256);
+    tune_half_split(t, x, n, c.heads, c.head);
     auto dx = qt::DevBuf::from(x);
     DevTable dt(t);
-    auto fn = c.query ? quillon_rope_apply_q : quillon_rope_apply_k;
-    ASSERT_EQ(fn(dx.get(), dt.c(), dt.s(), n, nullptr), hipSuccess);
+    if (c.geometry < 0)
+      ASSERT_EQ(quillon_qwen4exp_indexer_rope(dx.get(), dt.c(), dt.s(), n, c.heads, nullptr), hipSuccess);
+    else
+      ASSERT_EQ((c.query ? quillon_rope_apply_q : quillon_rope_apply_k)(dx.get(), dt.c(), dt.s(), n, nullptr),
+                hipSuccess);
     rt::sync_ok();
-    ref::rope_apply(x, t, n * c.heads, c.heads, 256);
+    ref::rope_apply(x, t, n * c.heads, c.heads, c.head);
     EXPECT_BITS_EQ(dx.download<uint16_t>(), x);
     EXPECT_TRUE(dx.guards_intact());
   }
 }
 
-TEST(RopeApply, ZeroFrequencyIsIdentityAndIndexerHeads) {
-  qt::Rng rng(34);
-  QT_SELECT_GEOMETRY(1);
-  const int64_t n = 9;
-  auto dpos = qt::DevBuf::from(positions(rng, n)), dzero = qt::DevBuf::from(std::vector<float>(32));
-  DevTable unit(n, 64);
-  ASSERT_EQ(quillon_rope_cos_sin(dpos.as<int64_t>(), dzero.as<float>(), unit.c(), unit.s(), n, nullptr), hipSuccess);
-  const auto x = rng.bf16s((size_t)(n * 24 * 256), -1e30f, 1e30f);
-  auto dx = qt::DevBuf::from(x);
-  ASSERT_EQ(quillon_rope_apply_q(dx.get(), unit.c(), unit.s(), n, nullptr), hipSuccess);
-  rt::sync_ok();
-  EXPECT_BITS_EQ(dx.download<uint16_t>(), x);
-
-  for (int heads : {1, 4}) {
-    SCOPED_TRACE(testing::Message() << heads << " heads");
-    auto v = rng.bf16s((size_t)(n * heads * 128));
-    auto t = rt::random_table(rng, n, 64);
-    tune_half_split(t, v, n, heads, 128);
-    auto dv = qt::DevBuf::from(v);
-    DevTable dt(t);
-    ASSERT_EQ(quillon_qwen4exp_indexer_rope(dv.get(), dt.c(), dt.s(), n, heads, nullptr), hipSuccess);
-    rt::sync_ok();
-    ref::rope_apply(v, t, n * heads, heads, 128);
-    EXPECT_BITS_EQ(dv.download<uint16_t>(), v);
-  }
-}
-
-TEST(RopeTail, BothDirections) {
-  qt::Rng rng(35);
-  const int64_t heads = 3, tokens = 4;
-  for (int64_t head : {64, 192, 576})
-    for (bool inverse : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "head " << head << " inverse " << inverse);
-      auto x = rng.bf16s((size_t)(tokens * heads * head));
-      auto t = rt::random_table(rng, tokens, 32);
-      tune_tail(t, x, tokens, heads * head, head - 64, inverse);
-      auto dx = qt::DevBuf::from(x);
-      DevTable dt(t);
-      ASSERT_EQ(quillon_dsv4_rope_tail(dx.get(), dt.c(), dt.s(), head, heads, tokens, inverse, nullptr), hipSuccess);
-      rt::sync_ok();
-      ref::rope_tail(x, t, head, heads, tokens, inverse);
-      EXPECT_BITS_EQ(dx.download<uint16_t>(), x);
-      EXPECT_TRUE(dx.guards_intact());
-    }
-}
-
+// The tail in place (rows of whole heads, one group spanning the row) and the
+// group copy, row-major and blk32.
 struct GroupCase {
   int64_t head, width, col_offset, cols, groups, rows, padded;
-  bool blk32;
+  bool blk32, in_place;
 };
 
-TEST(RopeTailGroup, RowMajorAndBlk32) {
+TEST(RopeTail, InPlaceAndGroupCopies) {
   qt::Rng rng(36);
-  const GroupCase cases[] = {{512, 2560, 512, 1024, 2, 5, 5, false},
-                             {128, 640, 128, 256, 2, 37, 64, true},
-                             {512, 1024, 0, 512, 1, 5, 32, true},
-                             {192, 576, 192, 192, 2, 3, 3, false}};
+  const GroupCase cases[] = {{64, 192, 0, 192, 1, 4, 4, false, true},
+                             {192, 576, 0, 576, 1, 4, 4, false, true},
+                             {576, 1728, 0, 1728, 1, 4, 4, false, true},
+                             {512, 2560, 512, 1024, 2, 5, 5, false, false},
+                             {128, 640, 128, 256, 2, 37, 64, true, false},
+                             {512, 1024, 0, 512, 1, 5, 32, true, false},
+                             {192, 576, 192, 192, 2, 3, 3, false, false}};
   for (const GroupCase& c : cases)
     for (bool inverse : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "head " << c.head << " cols " << c.cols << " blk32 " << c.blk32);
+      SCOPED_TRACE(testing::Message() << "head " << c.head << " cols " << c.cols << " blk32 " << c.blk32
+                                      << " in place " << c.in_place << " inverse " << inverse);
       const auto src = rng.bf16s((size_t)(c.rows * c.width));
       auto t = rt::random_table(rng, c.rows, 32);
       tune_tail(t, src, c.rows, c.width, c.col_offset + c.head - 64, inverse);
       auto dsrc = qt::DevBuf::from(src);
       DevTable dt(t);
       qt::DevBuf dst((size_t)(c.groups * c.padded * c.cols) * 2);
-      if (c.blk32)
+      if (c.in_place)
+        ASSERT_EQ(
+            quillon_dsv4_rope_tail(dsrc.get(), dt.c(), dt.s(), c.head, c.width / c.head, c.rows, inverse, nullptr),
+            hipSuccess);
+      else if (c.blk32)
         quillon::dsv4_rope_tail_group(dst.get(), dsrc.get(), dt.c(), dt.s(), c.head, c.width, c.col_offset, c.cols,
                                       c.groups, c.rows, c.padded, true, inverse, nullptr);
       else
@@ -202,9 +170,10 @@ TEST(RopeTailGroup, RowMajorAndBlk32) {
                                                c.cols, c.groups, c.rows, inverse, nullptr),
                   hipSuccess);
       rt::sync_ok();
-      EXPECT_BITS_EQ(dst.download<uint16_t>(), ref::rope_tail_group(src, t, c.head, c.width, c.col_offset, c.cols,
+      const qt::DevBuf& out = c.in_place ? dsrc : dst;
+      EXPECT_BITS_EQ(out.download<uint16_t>(), ref::rope_tail_group(src, t, c.head, c.width, c.col_offset, c.cols,
                                                                      c.groups, c.rows, c.padded, c.blk32, inverse));
-      EXPECT_TRUE(dst.guards_intact());
+      EXPECT_TRUE(out.guards_intact());
     }
 }
 

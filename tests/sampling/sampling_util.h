@@ -11,10 +11,7 @@
 
 namespace st {
 
-inline void sync_ok() {
-  ASSERT_EQ(hipGetLastError(), hipSuccess);
-  ASSERT_EQ(hipStreamSynchronize(nullptr), hipSuccess);
-}
+using qt::sync_ok;
 
 // Probabilities as a softmax of random logits would give them: positive,
 // mostly distinct, summing to about 1.
@@ -68,9 +65,9 @@ inline void expect_topk_row(const std::vector<float>& probs, int64_t V, int64_t 
     const int64_t id = gi[(size_t)i];
     ASSERT_TRUE(id >= 0 && id < V) << "slot " << i << " id " << id;
     ASSERT_TRUE(seen.insert(id).second) << "slot " << i << " repeats id " << id;
-    ASSERT_EQ(ref::sampling::bits(row[id]), ref::sampling::bits(want.vals[(size_t)i])) << "slot " << i;
+    ASSERT_EQ(ref::to_bits(row[id]), ref::to_bits(want.vals[(size_t)i])) << "slot " << i;
     if (i > 0 && want.vals[(size_t)i] == want.vals[(size_t)i - 1]) ASSERT_GT(id, gi[(size_t)i - 1]) << "slot " << i;
-    if (ref::sampling::bits(row[id]) != want.kth_bits) ASSERT_EQ(id, want.cand_ids[(size_t)i]) << "slot " << i;
+    if (ref::to_bits(row[id]) != want.kth_bits) ASSERT_EQ(id, want.cand_ids[(size_t)i]) << "slot " << i;
   }
 }
 

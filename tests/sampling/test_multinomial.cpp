@@ -50,44 +50,33 @@ TEST(Multinomial, RandomCandidatesAgainstPrefixSearch) {
   }
 }
 
-TEST(Multinomial, BoundariesOfTheUniformNumber) {
-  const int64_t K = 6;
-  const float below_one = std::nextafter(1.0f, 0.0f);
-  const std::vector<float> cp = {
-      0.0f, 0.0f, 0.3f, 0.7f, 0.0f, 0.0f,           // u 0: the first slot with a non-zero prefix
-      0.5f, 0.25f, 0.2499f, 0.0f, 0.0f, 0.0f,       // total below u: the last non-zero, not past the cut
-      0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f,           // nothing to draw: slot 0
-      0.25f, 0.25f, 0.25f, 0.25f, 0.0f, 0.0f,       // u exactly on a prefix: the next slot (strictly below)
-      0.25f, 0.25f, 0.25f, 0.25f, 0.0f, 0.0f,       // u just below the total
-  };
-  std::vector<int64_t> ids;
-  for (int64_t r = 0; r < 5; ++r)
-    for (int64_t i = 0; i < K; ++i) ids.push_back(100 * r + i);
-  const std::vector<float> u = {0.0f, below_one, 0.5f, 0.5f, below_one};
-  EXPECT_EQ(run_multinomial(cp, ids, u, 5, K), (std::vector<int64_t>{2, 102, 200, 302, 403}));
-  EXPECT_EQ(want_rows(cp, ids, u, 5, K), (std::vector<int64_t>{2, 102, 200, 302, 403}));
-}
-
-// Rows whose doubling prefix sums round above 1 in a zero slot past the cut
-// (id -1) and to 1 - 2^-24 or 1 at the last real candidate: the draw takes a
-// real candidate, by its prefix or by the fallback to the last one.
-TEST(Multinomial, RoundingNeverOffersAZeroSlot) {
+// The edges of the draw, one row each (ids 100 + slot). The last two rows'
+// doubling prefix sums round above 1 in a zero slot past the cut and to
+// 1 - 2^-24 or 1 at the last real candidate: the draw takes a real candidate,
+// by its prefix or by the fallback to the last one.
+TEST(Multinomial, EdgesOfTheDraw) {
   struct Row {
     std::vector<float> p;
     float u;
     int64_t want;
   };
+  const float below_one = std::nextafter(1.0f, 0.0f);
   const Row rows[] = {
+      {{0.0f, 0.0f, 0.3f, 0.7f, 0.0f, 0.0f}, 0.0f, 2},        // u 0: the first slot with a non-zero prefix
+      {{0.5f, 0.25f, 0.2499f, 0.0f, 0.0f, 0.0f}, below_one, 2},  // total below u: the last non-zero, not past the cut
+      {{0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f}, 0.5f, 0},        // nothing to draw: slot 0
+      {{0.25f, 0.25f, 0.25f, 0.25f, 0.0f, 0.0f}, 0.5f, 2},    // u exactly on a prefix: the next slot (strictly below)
+      {{0.25f, 0.25f, 0.25f, 0.25f, 0.0f, 0.0f}, below_one, 3},  // u just below the total
       {{0.39653602f, 0.32956284f, 0.27390108f, 0, 0, 0, 0}, 0.9999999f, 2},   // slot 3's prefix is 1, slot 2's below
       {{0.31442288f, 0.292163f, 0.23534691f, 0.15806718f, 0}, 0.99999994f, 3},  // no real prefix above u
   };
   for (const Row& r : rows) {
     const int64_t K = (int64_t)r.p.size();
     std::vector<int64_t> ids;
-    for (int64_t i = 0; i < K; ++i) ids.push_back(r.p[(size_t)i] > 0 ? i : -1);
-    SCOPED_TRACE(testing::Message() << "K " << K);
-    EXPECT_EQ(run_multinomial(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{r.want});
-    EXPECT_EQ(want_rows(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{r.want});
+    for (int64_t i = 0; i < K; ++i) ids.push_back(100 + i);
+    SCOPED_TRACE(testing::Message() << "K " << K << " u " << r.u);
+    EXPECT_EQ(run_multinomial(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{100 + r.want});
+    EXPECT_EQ(want_rows(r.p, ids, {r.u}, 1, K), std::vector<int64_t>{100 + r.want});
   }
 }
 

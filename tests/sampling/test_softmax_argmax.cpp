@@ -11,12 +11,6 @@ namespace {
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-float from_bits(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
-
 float ulp_error(float got, double want) {
   const double ulp = std::ldexp(1.0, std::max(std::ilogb((float)want), -126) - 23);
   return (float)(std::fabs((double)got - want) / ulp);
@@ -27,7 +21,7 @@ TEST(Exp, WithinAboutOneUlpAndTheStatedLimits) {
   // evaluated by the device.
   std::vector<float> xs;
   for (uint64_t b = 0; b < 0x100000000ull; b += 4099) {
-    const float x = from_bits((uint32_t)b);
+    const float x = ref::from_bits((uint32_t)b);
     if (x >= -104.0f && x <= 89.0f) xs.push_back(x);
   }
   const auto got = qt::device_fn(qt::DevFn::Exp, xs);

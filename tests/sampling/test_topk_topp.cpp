@@ -21,12 +21,13 @@ void check_all(const std::vector<float>& probs, int64_t rows, int64_t V, int64_t
 TEST(TopKTopP, WidthsAndCutsAgainstFullSort) {
   qt::Rng rng(301);
   // K 1 has no sort steps; 7 and 1000 are not powers of two; 1024 is the cap.
+  // top_p 0 keeps the top token alone, the next-ranked ones listed at 0.
   for (int64_t K : {1, 2, 7, 64, 1000, 1024}) {
     for (int64_t V : {K, K + 1, (int64_t)4099}) {
       SCOPED_TRACE(testing::Message() << "K " << K << " V " << V);
-      const int64_t rows = 3;
+      const int64_t rows = 4;
       const auto probs = st::prob_rows(rng, rows, V);
-      check_all(probs, rows, V, K, {}, {0.5f, 0.9f, 1.0f});
+      check_all(probs, rows, V, K, {}, {0.5f, 0.9f, 1.0f, 0.0f});
     }
   }
 }
@@ -40,22 +41,6 @@ TEST(TopKTopP, PerRowTopKIsClampedToOneThroughK) {
   const std::vector<float> top_p(rows, 0.95f);
   // Rows with an effective width below K end in -1 ids and zero probabilities.
   check_all(probs, rows, V, K, top_k, top_p);
-}
-
-TEST(TopKTopP, TopPZeroKeepsTheTopTokenAlone) {
-  qt::Rng rng(303);
-  const int64_t V = 500, K = 32, rows = 2;
-  const auto probs = st::prob_rows(rng, rows, V);
-  const st::TopKOut got = st::run_topk(probs, rows, V, K, {}, {0.0f, 0.0f});
-  for (int64_t r = 0; r < rows; ++r) {
-    const auto want = topk_topp_row(probs.data() + r * V, V, K, 0, false, 0.0f);
-    EXPECT_EQ(want.cut, 0);
-    st::expect_topk_row(probs, V, K, got, r, want);
-    EXPECT_EQ(got.probs[(size_t)(r * K)], 1.0f);
-    // Past the cut the next-ranked tokens stay listed with probability 0.
-    EXPECT_EQ(got.ids[(size_t)(r * K + 1)], want.cand_ids[1]);
-    EXPECT_EQ(got.probs[(size_t)(r * K + 1)], 0.0f);
-  }
 }
 
 TEST(TopKTopP, TopPOneAndTheRoundedTotal) {
