@@ -148,9 +148,10 @@ QDEV void moe_dot2_tile(const typename Cfg::Params& p, int64_t tile, const typen
   }
   float acc[R] = {};
   // 64 K a step: the weight chunk is decoded once and used for every row.
+  // Two chunks per trip keep the rows' scalar addresses within the SGPRs.
 #pragma nounroll
   for (int64_t k = 0; k < K; k += 64) {
-#pragma unroll
+#pragma unroll 2
     for (int c = 0; c < 64; c += 8) {
       const dev::u32x4 b = w.load8(n, k + c);
 #pragma unroll
