@@ -18,6 +18,8 @@
 #include "../attention/linear/linear_attn.h"
 #include "../moe/router.h"
 #include "../gemm/moe_shuffle_weights_v2.h"
+#include "../moe/grouped_expert_gemm.h"
+#include "../moe/moe_variant.h"
 #include "../attention/full/attn_proj.h"
 #include "../mlp/mlp_dense.h"
 #include "quillon/kquant_sets.h"
@@ -593,6 +595,33 @@ QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up_fused(int32_t format, 
 QUILLON_API hipError_t quillon_moe_lowbit_shuffle_down(int32_t format, const void* src, void* p0, void* p1, void* p2,
                                                        int64_t n, hipStream_t stream) {
   moe_lowbit_shuffle_down(format, src, p0, p1, p2, n, stream);
+  return hipGetLastError();
+}
+
+/* ---- MoE grouped expert products ---- */
+QUILLON_API int32_t quillon_moe_variant_count(void) { return moe_variant_count(); }
+QUILLON_API const char* quillon_moe_variant_name(int32_t index) { return moe_variant_name(index); }
+QUILLON_API void quillon_moe_variant_force(int32_t index) { moe_variant_force(index); }
+QUILLON_API void quillon_moe_dispatch_force(int32_t T, int32_t shuffled) { moe_dispatch_force(T, shuffled != 0); }
+QUILLON_API void quillon_moe_fp8_narrow_force_max_m(int32_t max_m) { moe_narrow_force_max_m(MoeNarrow::Fp8, max_m); }
+QUILLON_API void quillon_moe_kquant_narrow_force_max_m(int32_t max_m) {
+  moe_narrow_force_max_m(MoeNarrow::KQuant, max_m);
+}
+QUILLON_API void quillon_moe_lowbit_narrow_force_max_m(int32_t max_m) {
+  moe_narrow_force_max_m(MoeNarrow::LowBit, max_m);
+}
+QUILLON_API void quillon_moe_lowbit_force_split(int32_t flag) { moe_lowbit_force_split(flag); }
+QUILLON_API int64_t quillon_moe_workspace_bytes(int64_t M) { return moe_workspace_bytes(M); }
+QUILLON_API hipError_t quillon_fused_moe(const void* hidden, const void* router_w, const void* gate_up,
+                                         const void* down, void* out, void* workspace, int64_t M,
+                                         hipStream_t stream) {
+  fused_moe(hidden, router_w, gate_up, down, out, workspace, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_moe_fp8(const void* hidden, const void* router_w, const void* gate_up,
+                                             const void* down, const void* gate_up_scales, const void* down_scales,
+                                             void* out, void* workspace, int64_t M, hipStream_t stream) {
+  fused_moe_fp8(hidden, router_w, gate_up, down, gate_up_scales, down_scales, out, workspace, M, stream);
   return hipGetLastError();
 }
 

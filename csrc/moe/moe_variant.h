@@ -23,6 +23,17 @@ MoeVariant moe_variant_at(int64_t M);
 // to the table; moe_dispatch_force with T = 0 does the same.
 void moe_variant_force(int32_t index);
 void moe_dispatch_force(int32_t T, bool shuffled);
+// The variant table: count, names ("auto" past the end).
+int32_t moe_variant_count();
+const char* moe_variant_name(int32_t index);
+
+// Largest M of the narrow kernels per weight kind (0 fp8, 1 k-quant, 2
+// low-bit), 4 at load; and whether the merged low-bit launch is barred.
+enum class MoeNarrow { Fp8, KQuant, LowBit };
+int32_t moe_narrow_max_m(MoeNarrow kind);
+void moe_narrow_force_max_m(MoeNarrow kind, int32_t max_m);
+bool moe_lowbit_split_forced();
+void moe_lowbit_force_split(int32_t flag);
 
 // Sort capacity at (M, S, T) over E_tot experts: every expert wastes less
 // than one tile, and no more tiles than rows can be live.

@@ -321,6 +321,30 @@ QUILLON_API hipError_t quillon_moe_lowbit_shuffle_gate_up_fused(int32_t format, 
 QUILLON_API hipError_t quillon_moe_lowbit_shuffle_down(int32_t format, const void* src, void* p0, void* p1, void* p2,
                                                        int64_t n, hipStream_t stream);
 
+/* ---- MoE grouped expert products ---- */
+/* Variants by M: 0 "variant-0" (tiles of 16, up to M 768), 1 "variant-1" (64,
+ * shuffled, up to 2048), 2 "variant-2" (128, shuffled). Forcing is process-wide:
+ * a variant index above 2, or T = 0, returns to the table. The narrow maxima
+ * (0..4, default 4) bound the M of the narrow decode kernels per weight kind.
+ * The workspace serves every M up to its argument. The fused entries route,
+ * sort, run gate-up with SwiGLU and down over all E_tot experts of one slab
+ * (the shared expert last) and reduce into out, bf16 [M, hidden]. */
+QUILLON_API int32_t quillon_moe_variant_count(void);
+QUILLON_API const char* quillon_moe_variant_name(int32_t index);
+QUILLON_API void quillon_moe_variant_force(int32_t index);
+QUILLON_API void quillon_moe_dispatch_force(int32_t T, int32_t shuffled);
+QUILLON_API void quillon_moe_fp8_narrow_force_max_m(int32_t max_m);
+QUILLON_API void quillon_moe_kquant_narrow_force_max_m(int32_t max_m);
+QUILLON_API void quillon_moe_lowbit_narrow_force_max_m(int32_t max_m);
+QUILLON_API void quillon_moe_lowbit_force_split(int32_t flag);
+QUILLON_API int64_t quillon_moe_workspace_bytes(int64_t M);
+QUILLON_API hipError_t quillon_fused_moe(const void* hidden, const void* router_w, const void* gate_up,
+                                         const void* down, void* out, void* workspace, int64_t M,
+                                         hipStream_t stream);
+QUILLON_API hipError_t quillon_fused_moe_fp8(const void* hidden, const void* router_w, const void* gate_up,
+                                             const void* down, const void* gate_up_scales, const void* down_scales,
+                                             void* out, void* workspace, int64_t M, hipStream_t stream);
+
 /* ---- paged decode attention ---- */
 /* A device-side plan cuts every (request, KV head) history into ranges over
  * num_slots work slots; the partition step writes unnormalised partials to

@@ -138,17 +138,6 @@ TEST_F(MoeSort, LayoutMatchesReference) {
   }
 }
 
-TEST_F(MoeSort, OneTokenTable) {
-  QT_SELECT_GEOMETRY(0);
-  qt::Rng rng(7);
-  const std::vector<int32_t> ids = make_ids(kGeos[0], 1, Ids::Random, 16, rng);
-  const SortRun r = run_sort(kGeos[0], ids, std::vector<float>(9, 0.5f), 1, 16);
-  EXPECT_EQ(r.rows, 144);
-  EXPECT_EQ(r.tile_counts[0], 9);
-  EXPECT_EQ(r.tile_counts[1], 8);
-  EXPECT_EQ(std::count(r.sorted_ids.begin(), r.sorted_ids.end(), 1), 135);
-}
-
 TEST_F(MoeSort, ShuffledRowBlockOutsideTheListIsFatal) {
   QT_SELECT_GEOMETRY(0);
   quillon::moe_dispatch_force(32, true);

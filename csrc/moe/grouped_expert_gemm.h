@@ -1,0 +1,20 @@
+// The fused MoE entries over single-slab expert weights and their workspace.
+#pragma once
+#include <hip/hip_runtime_api.h>
+#include <stdint.h>
+
+namespace quillon {
+
+// One buffer for every M up to the argument (the variant thresholds below it
+// included).
+int64_t moe_workspace_bytes(int64_t M);
+
+// hidden and out bf16 [M, H]; all E_tot experts in one slab, the shared one
+// last. bf16 in block panels; fp8 the same with bf16 128 x 128 block scales.
+void fused_moe(const void* hidden, const void* router_w, const void* gate_up, const void* down, void* out,
+               void* workspace, int64_t M, hipStream_t s);
+void fused_moe_fp8(const void* hidden, const void* router_w, const void* gate_up, const void* down,
+                   const void* gate_up_scales, const void* down_scales, void* out, void* workspace, int64_t M,
+                   hipStream_t s);
+
+}  // namespace quillon

@@ -1,0 +1,257 @@
+// Fused MoE through the exported entries against the dense double reference.
+// Hidden and gate weights are non-negative integers (SwiGLU values 0 or at
+// least 0.73, multiples of 2^-8), up and down weights sparse small integers:
+// every grouped sum is exact in any order, so every path gives the same bits.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "common/test_util.h"
+#include "device/device_config.h"
+#include "quillon/quillon.h"
+#include "reference/moe_expert_ref.h"
+#include "reference/moe_router_ref.h"
+
+namespace {
+
+using qt::DevBuf;
+
+struct FGeo {
+  int id;
+  int64_t H, I, E, K;
+  int scoring;
+  float scale;
+  bool gate;
+  double limit;
+};
+constexpr FGeo kG0{0, 2048, 512, 256, 8, 0, 1.0f, true, 0.0};
+constexpr FGeo kG2{2, 4096, 2048, 256, 6, 1, 1.5f, false, 10.0};
+constexpr FGeo kG3{3, 2560, 640, 512, 10, 0, 1.0f, true, 0.0};
+
+// A device allocation whose untouched pages cost nothing: the expert slabs
+// span all E_tot experts, of which a test fills a dozen.
+struct Slab {
+  uint8_t* p = nullptr;
+  explicit Slab(size_t bytes) { EXPECT_EQ(hipMalloc((void**)&p, bytes), hipSuccess); }
+  ~Slab() { (void)hipFree(p); }
+};
+
+// Sparse integer matrix: each entry lo..hi with probability 1/every, else 0.
+std::vector<float> sparse(qt::Rng& rng, size_t n, int every, int lo, int hi) {
+  std::vector<float> v(n, 0.0f);
+  for (auto& x : v)
+    if (rng.integer(0, every - 1) == 0) x = (float)rng.integer(lo, hi);
+  return v;
+}
+std::vector<uint16_t> bf(const std::vector<float>& v) {
+  std::vector<uint16_t> r(v.size());
+  for (size_t i = 0; i < v.size(); ++i) r[i] = qt::to_bf(v[i]);
+  return r;
+}
+
+// One model: `live` experts always win (hidden column 0 is 1, their router
+// weight there 64) in an order set by one hidden bit each; those experts and
+// the shared one are filled, in bf16 or fp8 (codes 0, +-1 with a power-of-two
+// scale per 128 x 128 block, folded into the reference values).
+struct Model {
+  const FGeo& g;
+  bool fp8;
+  std::vector<uint16_t> router_rows, gate_row;
+  std::map<int32_t, ref::ExpertMats> mats;
+  DevBuf blob;
+  int64_t esz, gus = 4 * (g.I / 128) * (g.H / 128), dns = (g.H / 128) * (g.I / 128);
+  Slab gu, dn, gu_sc, dn_sc;
+
+  Model(const FGeo& geo, bool f8, int live, int up_every = 64)
+      : g(geo), fp8(f8), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
+        gu((size_t)((g.E + 1) * 2 * g.I * g.H * esz)), dn((size_t)((g.E + 1) * g.H * g.I * esz)),
+        gu_sc((size_t)((g.E + 1) * gus * 2)), dn_sc((size_t)((g.E + 1) * dns * 2)) {
+    qt::Rng rng(90 + g.id + 7 * live + f8);
+    std::vector<float> rows((size_t)(g.E * g.H), 0.0f);
+    for (int e = 0; e < live; ++e) rows[(size_t)(e * g.H)] = 64.0f, rows[(size_t)(e * g.H + 1 + e)] = 1.0f;
+    router_rows = bf(rows);
+    gate_row = bf(sparse(rng, (size_t)g.H, 64, -1, 1));
+    std::vector<uint16_t> src = router_rows;
+    if (g.gate) src.insert(src.end(), gate_row.begin(), gate_row.end());
+    DevBuf d_src = DevBuf::from(src), d_bias = DevBuf::from(std::vector<float>((size_t)g.E, 0.0f));
+    EXPECT_EQ(quillon_moe_shuffle_router(d_src.get(), d_bias.as<float>(), blob.get(), nullptr), hipSuccess);
+    for (int32_t e = 0; e <= g.E; e = e + 1 == live ? (int32_t)g.E : e + 1) {
+      ref::ExpertMats m{sparse(rng, (size_t)(g.I * g.H), 64, 1, 1), sparse(rng, (size_t)(g.I * g.H), up_every, -1, 1),
+                        sparse(rng, (size_t)(g.H * g.I), 8, -1, 1)};
+      std::vector<uint16_t> sg, su, sd;
+      DevBuf a = upload(m.gate, g.I, g.H, sg, rng), b = upload(m.up, g.I, g.H, su, rng);
+      DevBuf c = upload(m.down, g.H, g.I, sd, rng);
+      const size_t o = (size_t)(e * g.I * g.H * esz);
+      if (fp8) {
+        DevBuf dsg = DevBuf::from(sg), dsu = DevBuf::from(su), dsd = DevBuf::from(sd);
+        EXPECT_EQ(quillon_moe_shuffle_gate_up_fp8(a.get(), b.get(), gu.p + 2 * o, 1, nullptr), hipSuccess);
+        EXPECT_EQ(quillon_moe_shuffle_down_fp8(c.get(), dn.p + o, 1, nullptr), hipSuccess);
+        EXPECT_EQ(quillon_moe_scale_shuffle_gate_up_fp8(dsg.get(), dsu.get(), gu_sc.p + e * gus * 2, 1,
+                                                        nullptr), hipSuccess);
+        EXPECT_EQ(quillon_moe_scale_shuffle_down_fp8(dsd.get(), dn_sc.p + e * dns * 2, 1, nullptr),
+                  hipSuccess);
+      } else {
+        EXPECT_EQ(quillon_moe_shuffle_gate_up(a.get(), b.get(), gu.p + 2 * o, 1, nullptr), hipSuccess);
+        EXPECT_EQ(quillon_moe_shuffle_down(c.get(), dn.p + o, 1, nullptr), hipSuccess);
+      }
+      EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+      mats[e] = std::move(m);
+    }
+  }
+  // The checkpoint tensor of v [R, C]: bf16, or fp8 codes with scales sc.
+  DevBuf upload(std::vector<float>& v, int64_t R, int64_t C, std::vector<uint16_t>& sc, qt::Rng& rng) const {
+    if (!fp8) return DevBuf::from(bf(v));
+    std::vector<uint8_t> q(v.size());
+    for (int64_t i = 0; i < (R / 128) * (C / 128); ++i) sc.push_back((uint16_t)(0x3f00 + 0x80 * rng.integer(0, 2)));
+    for (int64_t i = 0; i < R * C; ++i) {
+      q[(size_t)i] = v[(size_t)i] == 0.0f ? 0 : v[(size_t)i] > 0 ? 0x38 : 0xb8;
+      v[(size_t)i] *= qt::bf(sc[(size_t)((i / C / 128) * (C / 128) + i % C / 128)]);
+    }
+    return DevBuf::from(q);
+  }
+
+  std::vector<uint16_t> hidden(int64_t M) const {
+    qt::Rng rng(500 + M);
+    std::vector<float> h = sparse(rng, (size_t)(M * g.H), 4, 1, 1);
+    for (int64_t t = 0; t < M; ++t) h[(size_t)(t * g.H)] = 1.0f;
+    return bf(h);
+  }
+  std::vector<uint16_t> run(const std::vector<uint16_t>& x, int64_t M) {
+    DevBuf d_x = DevBuf::from(x), ws(quillon_moe_workspace_bytes(M)), out(M * g.H * 2);
+    EXPECT_EQ(fp8 ? quillon_fused_moe_fp8(d_x.get(), blob.get(), gu.p, dn.p, gu_sc.p, dn_sc.p, out.get(), ws.get(), M,
+                                          nullptr)
+                  : quillon_fused_moe(d_x.get(), blob.get(), gu.p, dn.p, out.get(), ws.get(), M, nullptr),
+              hipSuccess);
+    EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+    EXPECT_TRUE(ws.guards_intact() && out.guards_intact());
+    return out.download<uint16_t>();
+  }
+  // Tokens 0, every, 2 * every, ... against the reference.
+  void expect_near(const std::vector<uint16_t>& x, const std::vector<uint16_t>& got, int64_t M, int64_t every = 1) {
+    const int64_t S = g.K + 1, m = (M + every - 1) / every;
+    std::vector<float> logits((size_t)(m * g.E)), gates, xf;
+    for (int64_t t = 0; t < m; ++t) {
+      const uint16_t* row = &x[(size_t)(t * every * g.H)];
+      for (int64_t c = 0; c < g.H; ++c) xf.push_back(qt::bf(row[c]));
+      for (int64_t e = 0; e < g.E; ++e)
+        logits[(size_t)(t * g.E + e)] = ref::dot_row(row, &router_rows[(size_t)(e * g.H)], g.H);
+      if (g.gate) gates.push_back(ref::sigmoid(ref::dot_row(row, gate_row.data(), g.H)));
+    }
+    const ref::Routed r = ref::topk(logits, std::vector<float>((size_t)g.E), m, g.E, g.K, g.scoring, g.scale, gates);
+    const ref::MoeOut want = ref::fused_moe(xf, r.ids, r.w, mats, m, S, g.H, g.I, g.limit);
+    int64_t bad = 0;
+    for (int64_t i = 0; i < m * g.H; ++i) {
+      const float v = qt::bf(got[(size_t)((i / g.H) * every * g.H + i % g.H)]);
+      if (!(std::fabs((double)v - qt::bf(want.out[(size_t)i])) <= want.tol[(size_t)i]) && bad++ < 5)
+        ADD_FAILURE() << "token " << i / g.H * every << " column " << i % g.H << ": got " << v << ", want "
+                      << qt::bf(want.out[(size_t)i]) << " within " << want.tol[(size_t)i];
+    }
+  }
+};
+
+class MoeFused : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    quillon_moe_variant_force(3);
+    quillon_moe_fp8_narrow_force_max_m(4);
+  }
+};
+
+// At geometry 0 each M runs the table's variant and then variants 1 and 2,
+// so the narrow, 16-row and 64- and 128-row LDS kernels, to the same bits
+// (fp8 also with its narrow kernels off); 8 live experts send every token to
+// the same eight. Geometry 2 clamps gate-up at 10 in bf16 but not in fp8 (its
+// up rows are dense enough to pass the clamp); geometry 3's down has K 640.
+TEST_F(MoeFused, EveryPathMatchesTheReference) {
+  struct Case {
+    const FGeo& g;
+    bool fp8;
+    int live, up_every;
+    std::vector<int64_t> Ms;
+  };
+  const Case cases[] = {{kG0, false, 12, 64, {1, 2, 3, 8, 33}}, {kG0, false, 8, 64, {33}}, {kG0, true, 12, 64, {1, 3, 33}},
+                        {kG2, false, 12, 8, {2}},  {kG2, true, 12, 8, {2}}, {kG3, false, 12, 8, {8}},
+                        {kG3, true, 12, 8, {3}}};
+  for (const Case& c : cases) {
+    if (!quillon::geometry_built(c.g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
+    FGeo g = c.g;
+    if (c.fp8) g.limit = 0.0;
+    Model m(g, c.fp8, c.live, c.up_every);
+    for (int64_t M : c.Ms) {
+      SCOPED_TRACE("geometry " + std::to_string(g.id) + (c.fp8 ? " fp8 M " : " bf16 M ") + std::to_string(M) +
+                   ", live " + std::to_string(c.live));
+      const std::vector<uint16_t> x = m.hidden(M);
+      const std::vector<uint16_t> base = m.run(x, M);
+      m.expect_near(x, base, M);
+      for (int v = g.id == 0 ? 1 : 3; v < 3; ++v) {
+        SCOPED_TRACE("variant " + std::to_string(v));
+        quillon_moe_variant_force(v);
+        EXPECT_BITS_EQ(m.run(x, M), base);
+      }
+      quillon_moe_variant_force(3);
+      if (c.fp8 && M <= 4) {
+        quillon_moe_fp8_narrow_force_max_m(0);
+        EXPECT_BITS_EQ(m.run(x, M), base);
+        quillon_moe_fp8_narrow_force_max_m(4);
+      }
+    }
+  }
+}
+
+// A prefill size on the table (T = 64, gathered and shuffled), sampled tokens.
+TEST_F(MoeFused, PrefillSizeMatchesSampledReference) {
+  QT_SELECT_GEOMETRY(0);
+  Model m(kG0, false, 12);
+  const std::vector<uint16_t> x = m.hidden(769);
+  m.expect_near(x, m.run(x, 769), 769, 48);
+}
+
+TEST(MoePolicy, VariantTableAndWorkspace) {
+  QT_SELECT_GEOMETRY(0);
+  EXPECT_EQ(quillon_moe_variant_count(), 3);
+  const char* names[] = {"variant-0", "variant-1", "variant-2", "auto", "auto"};
+  const int32_t idx[] = {0, 1, 2, 3, -1};
+  for (int i = 0; i < 5; ++i) EXPECT_STREQ(quillon_moe_variant_name(idx[i]), names[i]);
+  const int64_t G = quillon::num_cus();
+  auto total = [&](int64_t M, int64_t T, bool sh) { return ref::moe_workspace_total(M, T, sh, G, 2048, 512, 256, 9); };
+  auto table = [&](int64_t M) { return M <= 768 ? total(M, 16, false) : M <= 2048 ? total(M, 64, true) : total(M, 128, true); };
+  for (int64_t M : {1, 33, 768, 769, 2048, 2049, 3000}) {
+    int64_t want = table(M);
+    for (int64_t t : {768, 2048})
+      if (t < M) want = std::max(want, table(t));
+    EXPECT_EQ(quillon_moe_workspace_bytes(M), want) << "M " << M;
+  }
+  // Forcing reaches the sizes; index 3 and T = 0 return to the table.
+  quillon_moe_variant_force(2);
+  EXPECT_EQ(quillon_moe_workspace_bytes(33), total(33, 128, true));
+  quillon_moe_variant_force(3);
+  EXPECT_EQ(quillon_moe_workspace_bytes(33), table(33));
+  quillon_moe_dispatch_force(64, 1);
+  EXPECT_EQ(quillon_moe_workspace_bytes(1), total(1, 64, true));
+  quillon_moe_dispatch_force(0, 0);
+  EXPECT_EQ(quillon_moe_workspace_bytes(1), table(1));
+}
+
+TEST(MoePolicy, Messages) {
+  QT_SELECT_GEOMETRY(0);
+  void (*narrow[])(int32_t) = {quillon_moe_fp8_narrow_force_max_m, quillon_moe_kquant_narrow_force_max_m,
+                               quillon_moe_lowbit_narrow_force_max_m};
+  for (auto f : narrow) {
+    EXPECT_QUILLON_FATAL(f(5), "max_m must be in 0..4 (got 5)");
+    EXPECT_QUILLON_FATAL(f(-1), "max_m must be in 0..4 (got -1)");
+  }
+  const std::pair<int32_t, int32_t> bad[] = {{32, 1}, {64, 0}, {16, 1}};
+  for (const auto& [T, sh] : bad) {
+    quillon_moe_dispatch_force(T, sh);
+    EXPECT_QUILLON_FATAL(quillon_fused_moe(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 1, nullptr),
+                         "no compiled variant for " + std::to_string(T));
+  }
+  quillon_moe_dispatch_force(0, 0);
+  ASSERT_EQ(quillon_select_geometry(1), 0);
+  EXPECT_QUILLON_FATAL(quillon_moe_workspace_bytes(1),
+                       "geometry 1 does not carry this op; it belongs to a model family this build instantiates for "
+                       "other ids (see quillon_geometry_name)");
+}
+
+}  // namespace
