@@ -47,6 +47,8 @@ TARGETS = {
     "cache": ["kv_cache_test"],
     "io": ["file_reader_test", "file_reader_helper"],
     "attention": ["paged_attn_test"],
+    "linear": ["linear_test"],
+    "moe": ["moe_test"],
 }
 
 
@@ -210,6 +212,23 @@ MUTANTS = [
     m("attn.prefill_map_drops_partial_block", "csrc/attention/full/paged_flash_attn_gqa_prefill.cpp",
       "for (int64_t b = 0; b < (q_lens[i] + qb - 1) / qb; ++b)", "for (int64_t b = 0; b < q_lens[i] / qb; ++b)",
       "attention"),
+    # ---- linear attention ----
+    m("linear.conv_decode_start_row", "csrc/attention/linear/causal_conv1d.cpp",
+      "accepted ? accepted[b] - 1 : 0;", "accepted ? accepted[b] : 0;", "linear"),
+    m("linear.decay_sign", "csrc/attention/linear/gated_delta_rule_recurrent.cpp",
+      "dev::exp2(-gate_g(", "dev::exp2(gate_g(", "linear"),
+    m("linear.retain_ba_stride", "csrc/attention/linear/fused_linear_attn.cpp",
+      "ba + D::HV, 2 * D::HV, a_log", "ba + D::HV, D::HV, a_log", "linear"),
+    m("linear.advance_all_rows", "csrc/attention/linear/causal_conv1d.cpp",
+      "const int64_t n = accepted ? accepted[b] : rows;", "const int64_t n = rows;", "linear"),
+    # ---- MoE router, sort and scatter-reduce ----
+    m("moe.router_tie_higher_index", "csrc/moe/router_topk_softmax.cpp",
+      "(v == bv && i < bi); }", "(v == bv && i > bi); }", "moe"),
+    m("moe.sort_skips_first_pad_row", "csrc/moe/fused_moe.cpp",
+      "p = offset[x] + totals[x] + e; p < offset[x + 1]", "p = offset[x] + totals[x] + e + 1; p < offset[x + 1]",
+      "moe"),
+    m("moe.scatter_reduce_reversed", "csrc/moe/fused_moe.cpp",
+      "for (int s = 0; s < S; ++s) {", "for (int s = S - 1; s >= 0; --s) {", "moe"),
     # ---- file reader ----
     m("io.tail_end_rounds_down", "csrc/io/file_read.cpp",
       "aligned_end = (offset + bytes + A - 1) / A * A;", "aligned_end = (offset + bytes) / A * A;", "io"),
