@@ -1,5 +1,5 @@
-// Gated delta rule, recurrent forms: per-row decode, the exported read-only
-// decode and advance, against the float-order reference (bit-exact) and the
+// Gated delta rule: the exported read-only decode and advance against the
+// float-order reference (bit-exact), the chunked prefill against the
 // double-precision recurrence (within a derived bound).
 #include <algorithm>
 #include <cstring>
@@ -32,19 +32,6 @@ std::vector<float> device_softplus(const std::vector<float>& x) {
 
 namespace {
 
-void sync_ok() { ASSERT_EQ(hipDeviceSynchronize(), hipSuccess); }
-
-// Worst-case fp32 drift of the recurrence against exact arithmetic, as a
-// multiple of u = 2^-24 times the largest state magnitude: per token the decay
-// and the update round each element once, the 64-term half sums and their
-// join lose at most 66u of sum |S||k_hat| <= 66 sqrt(128) u Smax (|k_hat| = 1),
-// and the gates carry a few ulp; the contraction of (I - beta k k^T) keeps old
-// errors from growing. The output adds one more 66u Smax dot product
-// (|q_hat|_1 <= 1) and its bf16 rounding (half an ulp: 2^-8 relative).
-double drift_bound(int64_t steps, double smax, double o) {
-  return std::ldexp(std::fabs(o), -8) + (800.0 * (double)steps + 70.0) * std::ldexp(smax, -24);
-}
-
 struct Dev {
   qt::DevBuf qkv, ba, a_log, dt_bias;
   explicit Dev(const lt::Inputs& in)
@@ -53,34 +40,8 @@ struct Dev {
   const uint16_t* b() const { return ba.as<uint16_t>(); }
 };
 
-using DoubleSlot = std::vector<std::vector<double>>;
-DoubleSlot to_double(const lt::SlotState& st) {
-  DoubleSlot sd(st.size());
-  for (size_t h = 0; h < st.size(); ++h) sd[h].assign(st[h].begin(), st[h].end());
-  return sd;
-}
-
-// Every head of token t through the double recurrence; the output row (bf16,
-// [HV][128]) must lie within the drift bound of `steps` steps. Returns the
-// worst error as a fraction of the bound.
-double check_row_double(const lt::Inputs& in, int64_t t, int64_t steps, DoubleSlot& sd, const uint16_t* row) {
-  double worst = 0;
-  for (int h = 0; h < in.geo.hv; ++h) {
-    ref::GdrTokenD d;
-    ref::gdr_step_d(sd[h], in.q(t, h), in.k(t, h), in.v(t, h), in.b(t, h), in.a(t, h), in.a_log[h], in.dt_bias[h], d);
-    double smax = 0;
-    for (double x : sd[h]) smax = std::max(smax, std::fabs(x));
-    for (int c = 0; c < 128; ++c) {
-      const double err = std::fabs(ref::widen(row[h * 128 + c]) - d.o[c]), bound = drift_bound(steps, smax, d.o[c]);
-      worst = std::max(worst, err / bound);
-      if (err > bound) ADD_FAILURE() << "token " << t << " head " << h << " col " << c << ": " << err << " > " << bound;
-    }
-  }
-  return worst;
-}
-
 // Softplus within 2 ulp of the double value over the whole range the gate
-// sees, both branches, and continuous at 20.
+// sees, both branches and either side of 20.
 TEST(GatedDeltaRule, SoftplusAccuracy) {
   std::vector<float> x;
   for (float v = -104.f; v < 30.f; v += 0.00731f) x.push_back(v);
@@ -95,8 +56,6 @@ TEST(GatedDeltaRule, SoftplusAccuracy) {
     ASSERT_LE(std::fabs(y[i] - want), 2 * ulp) << "x = " << x[i];
   }
   RecordProperty("softplus_worst_ulp", std::to_string(worst));
-  const float lo = lt::device_softplus({20.0f})[0], hi = lt::device_softplus({std::nextafter(20.0f, 30.0f)})[0];
-  EXPECT_LE(hi - lo, 4 * std::ldexp(1.0f, -19));
 }
 
 // Rows that must work: a zero q of key head 0 (token 0), a zero k of key head
@@ -121,8 +80,7 @@ void shape_edges(lt::Inputs& in) {
 }
 
 // The read-only decode from the committed slots against the float-order
-// reference (bit-exact) and the double recurrence (drift bound), keeping every
-// byte of the pool; then the advance over n rows leaves the state after n
+// reference (bit-exact), keeping every byte of the pool; then the advance over n rows leaves the state after n
 // rows (0: the slot untouched). Three sequences of 3 rows on permuted slots
 // with the edge rows, and one sequence of 200 rows with null slots and
 // accepted (every row). The per-row decode runs through the fused layer.
@@ -157,24 +115,19 @@ TEST(GatedDeltaRule, DecodeReadOnlyAndAdvance) {
                                                d.dt_bias.as<float>(), slots, adv, dadv_pool.as<float>(), tc.seqs,
                                                tc.rows, nullptr),
               hipSuccess);
-    sync_ok();
+    qt::sync_ok();
 
     std::vector<uint16_t> want_out((size_t)(M * geo.hv * 128));
     std::vector<float> want_adv = pool;
-    double worst = 0;
     for (int64_t s = 0; s < tc.seqs; ++s) {
       const int32_t slot = slots ? tc.slots[s] : (int32_t)s;
       const int64_t n = adv ? tc.adv_n[s] : tc.rows;
       lt::SlotState st = lt::slot_state(pool, slot, geo.hv);
-      DoubleSlot sd = to_double(st);
       for (int64_t r = 0; r < tc.rows; ++r) {
-        const int64_t t = s * tc.rows + r;
-        lt::ref_token(in, t, st, &want_out[(size_t)(t * geo.hv * 128)]);
+        lt::ref_token(in, s * tc.rows + r, st, &want_out[(size_t)((s * tc.rows + r) * geo.hv * 128)]);
         if (n == r + 1) lt::put_slot(want_adv, slot, st);
-        worst = std::max(worst, check_row_double(in, t, r + 1, sd, &want_out[(size_t)(t * geo.hv * 128)]));
       }
     }
-    RecordProperty("double_error_of_bound", std::to_string(worst));
     EXPECT_BITS_EQ(dro_out.download<uint16_t>(), want_out);
     EXPECT_BITS_EQ(dadv_pool.download<float>(), want_adv);
     EXPECT_EQ(std::memcmp(dro_pool.download<uint8_t>().data(), pool.data(), pool.size() * 4), 0)
@@ -193,11 +146,7 @@ TEST(GatedDeltaRule, DecodeReadOnlyAndAdvance) {
 // (|delta_j| + 12 Smax)) and per state element 2^-6 sum_j |k_hat_j[k]|
 // (|delta_j[v]| + 12 Smax) per chunk, accumulated over chunks (the recurrence
 // contracts), plus the bf16 rounding of the output.
-struct ChunkBound {
-  std::vector<double> state;  // per element, grows chunk by chunk
-  explicit ChunkBound() : state(16384, 0.0) {}
-};
-
+//
 // Five sequences of 1, 63, 64, 65 and 130 tokens (shorter than, equal to and
 // longer than a chunk), three continuing, over permuted slots; fresh slots hold
 // garbage. Checkpoints: at a sequence's end, at 64, and entries that must not
@@ -229,7 +178,7 @@ TEST(GatedDeltaRule, ChunkedPrefill) {
                                       dcu.as<int32_t>(), dhas.as<int32_t>(), dslots.as<int32_t>(), dpool.as<float>(),
                                       dat.as<int32_t>(), dck_slots.as<int32_t>(), 3, dck.as<float>(), dout.get(),
                                       seqs, 130, nullptr);
-    sync_ok();
+    qt::sync_ok();
     const auto got_out = dout.download<uint16_t>();
     const auto got_pool = dpool.download<float>(), got_ck = dck.download<float>();
 
@@ -316,8 +265,7 @@ TEST(GatedDeltaRuleDeathTest, Contracts) {
     ASSERT_EQ(quillon_select_geometry(2), 0);
     EXPECT_QUILLON_FATAL(quillon_gated_delta_rule_advance(nullptr, nullptr, nullptr, 32, nullptr, nullptr, nullptr,
                                                           nullptr, nullptr, 1, 1, nullptr),
-                         "geometry 2 does not carry this op; it belongs to a model family this build instantiates "
-                         "for other ids (see quillon_geometry_name)");
+                         qt::kGeometryTwo);
   }
 }
 

@@ -160,12 +160,7 @@ TEST_F(MoeSort, ScatterReduceIsTheSlotOrderedSum) {
       qt::Rng rng(77 + M);
       const std::vector<int32_t> ids = make_ids(g, M, Ids::Random, 16, rng);
       const SortRun r = run_sort(g, ids, rng.floats(ids.size(), 0.0f, 1.0f), M, 16);
-      std::vector<uint16_t> rows((size_t)(r.rows * g.H));
-      uint32_t x = 12345u + (uint32_t)M;
-      for (auto& v : rows) {
-        x = x * 1664525u + 1013904223u;
-        v = (uint16_t)(0x3c00u + (x >> 22) + ((x >> 16) & 0x8000u));
-      }
+      const std::vector<uint16_t> rows = rng.bf16s((size_t)(r.rows * g.H), -2.f, 2.f);
       DevBuf d_rows = DevBuf::from(rows), d_sw = DevBuf::from(r.sorted_w), d_inv = DevBuf::from(r.inverse);
       DevBuf out(M * g.H * 2);
       quillon::moe_scatter_reduce(d_rows.get(), d_sw.as<float>(), d_inv.as<int32_t>(), out.get(), M, nullptr);

@@ -2,8 +2,9 @@
 #pragma once
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <vector>
+
+#include "ref_bits.h"
 
 namespace ref {
 
@@ -33,18 +34,9 @@ inline int64_t moe_max_tiles(int64_t M, int64_t S, int64_t T, int64_t E_tot) {
   return a < b ? a : b;
 }
 
-// bf16 round to nearest even on the bits.
-inline uint16_t bf16_rne_bits(float f) {
-  uint32_t u;
-  std::memcpy(&u, &f, 4);
-  return (uint16_t)((u + 0x7fffu + ((u >> 16) & 1u)) >> 16);
-}
-inline float bf16_value(uint16_t h) {
-  const uint32_t u = (uint32_t)h << 16;
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
+// The bf16 names the expert reference calls.
+inline uint16_t bf16_rne_bits(float f) { return round_bf16(f); }
+inline float bf16_value(uint16_t h) { return widen(h); }
 
 // out[t, c] = fma chain over slots s in order of w[t, s] * row(t, s)[c].
 inline std::vector<uint16_t> moe_scatter_reduce(const std::vector<uint16_t>& rows, const std::vector<float>& sorted_w,

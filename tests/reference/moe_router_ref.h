@@ -3,21 +3,16 @@
 #pragma once
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <vector>
+
+#include "ref_bits.h"
 
 namespace ref {
 
-inline float bf16f(uint16_t h) {
-  const uint32_t u = (uint32_t)h << 16;
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
 // Row dot product in double; exact whenever the inputs make it an integer.
 inline float dot_row(const uint16_t* x, const uint16_t* w, int64_t H) {
   double acc = 0.0;
-  for (int64_t c = 0; c < H; ++c) acc += (double)bf16f(x[c]) * (double)bf16f(w[c]);
+  for (int64_t c = 0; c < H; ++c) acc += (double)widen(x[c]) * (double)widen(w[c]);
   return (float)acc;
 }
 inline float sqrt_softplus(float x) { return std::sqrt(x > 20.0f ? x : std::log(1.0f + std::exp(x))); }
