@@ -64,7 +64,9 @@ void fused_moe_kquant_split(int32_t fmt_gate_up, int32_t fmt_down, int32_t fmt_s
       const gemm_core::KQuantDualPlanes gu{planes(gate_up, gate_up_meta),
                                            planes(shared_gate_up, shared_gate_up_meta), E};
       const gemm_core::KQuantDualPlanes dn{planes(down, down_meta), planes(shared_down, shared_down_meta), E};
-      on_format(0, fmt_gate_up, [&](auto f) { moe_kquant_dual_product<f>(0, v, nm, hidden, gu, w.intermediate, t, s); });
+      on_format(0, fmt_gate_up, [&](auto f) {
+        moe_kquant_dual_product<f>(0, v, nm, hidden, gu, w.intermediate, t, s);
+      });
       on_format(1, fmt_down, [&](auto f) {
         moe_kquant_dual_product<f>(1, v, nm, w.intermediate, dn, w.expert_rows, t, s);
       });

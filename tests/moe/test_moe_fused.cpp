@@ -72,7 +72,8 @@ std::vector<uint8_t> encode(int fmt, const std::vector<float>& v) {
     for (int i = 0; i < 8; ++i) B[4 + i] = 1;
     for (int i = 8; i < 12; ++i) B[4 + i] = 0x11;
     uint8_t* qs = B + (fmt == 4 ? 16 : 48);
-    for (int j = 0; j < 256; ++j) qs[(j / 64) * 32 + j % 32] |= (uint8_t)(((int)x[j] + 1) << (4 * (j / 32 % 2)));
+    for (int j = 0; j < 256; ++j)
+      qs[(j / 64) * 32 + j % 32] |= (uint8_t)(((int)x[j] + 1) << (4 * (j / 32 % 2)));
   }
   return out;
 }
@@ -95,7 +96,8 @@ struct Model {
   // dn_sc their meta planes; sgu, sdn (and metas) the shared expert.
   Model(const FGeo& geo, bool f8, int live, int up_every = 64, KqForm k = {})
       : g(geo), fp8(f8), kq(k), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
-        gu(k.gu ? (size_t)quillon_moe_kquant_gate_up_quant_bytes(k.gu, g.E) : (size_t)((g.E + 1) * 2 * g.I * g.H * esz)),
+        gu(k.gu ? (size_t)quillon_moe_kquant_gate_up_quant_bytes(k.gu, g.E)
+                : (size_t)((g.E + 1) * 2 * g.I * g.H * esz)),
         dn(k.gu ? (size_t)quillon_moe_kquant_down_quant_bytes(k.dn, g.E) : (size_t)((g.E + 1) * g.H * g.I * esz)),
         gu_sc(k.gu ? (size_t)quillon_moe_kquant_gate_up_meta_bytes(k.gu, g.E) : (size_t)((g.E + 1) * gus * 2)),
         dn_sc(k.gu ? (size_t)quillon_moe_kquant_down_meta_bytes(k.dn, g.E) : (size_t)((g.E + 1) * dns * 2)),
@@ -149,17 +151,21 @@ struct Model {
     }
     const int fgu = shared ? kq.sgu : kq.gu, fdn = shared ? kq.sdn : kq.dn;
     const int64_t z = shared ? 0 : e;
-    auto off = [&](int64_t (*size)(int32_t, int64_t), int f, int64_t tail) { return z * (size(f, 1) - tail); };
+    auto at = [&](Slab& slab, int64_t (*size)(int32_t, int64_t), int f, int64_t tail) {
+      return slab.p + z * (size(f, 1) - tail);
+    };
     const std::vector<uint8_t> qg = encode(fgu, m.gate), qu = encode(fgu, m.up), qd = encode(fdn, m.down);
     DevBuf a = DevBuf::from(qg), b = DevBuf::from(qu), c = DevBuf::from(qd);
     EXPECT_EQ(quillon_moe_kquant_shuffle_gate_up(fgu, a.get(), b.get(),
-                                                 (shared ? sgu.p : gu.p) + off(quillon_moe_kquant_gate_up_quant_bytes, fgu, 4),
-                                                 (shared ? sgu_m.p : gu_sc.p) + off(quillon_moe_kquant_gate_up_meta_bytes, fgu, 0),
-                                                 1, nullptr), hipSuccess);
+                                                 at(shared ? sgu : gu, quillon_moe_kquant_gate_up_quant_bytes, fgu, 4),
+                                                 at(shared ? sgu_m : gu_sc, quillon_moe_kquant_gate_up_meta_bytes, fgu, 0),
+                                                 1, nullptr),
+              hipSuccess);
     EXPECT_EQ(quillon_moe_kquant_shuffle_down(fdn, c.get(),
-                                              (shared ? sdn.p : dn.p) + off(quillon_moe_kquant_down_quant_bytes, fdn, 4),
-                                              (shared ? sdn_m.p : dn_sc.p) + off(quillon_moe_kquant_down_meta_bytes, fdn, 0),
-                                              1, nullptr), hipSuccess);
+                                              at(shared ? sdn : dn, quillon_moe_kquant_down_quant_bytes, fdn, 4),
+                                              at(shared ? sdn_m : dn_sc, quillon_moe_kquant_down_meta_bytes, fdn, 0),
+                                              1, nullptr),
+              hipSuccess);
     EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
   }
 
@@ -378,7 +384,8 @@ TEST(MoePolicy, Messages) {
   int meta = 0;
   const char* pair = "the shared expert needs metadata for both slabs or for neither";
   EXPECT_QUILLON_FATAL(kq(7, 4, 8, 8, &meta, &meta), "7 is not a k-quant format id (see kquant_sets's FORMATS list)");
-  EXPECT_QUILLON_FATAL(kq(4, 4, 8, 24, nullptr, &meta), "24 is not a k-quant format id (see kquant_sets's FORMATS list)");
+  EXPECT_QUILLON_FATAL(kq(4, 4, 8, 24, nullptr, &meta),
+                       "24 is not a k-quant format id (see kquant_sets's FORMATS list)");
   EXPECT_QUILLON_FATAL(kq(4, 4, 24, 8, nullptr, &meta), pair);
   EXPECT_QUILLON_FATAL(kq(4, 4, 8, 8, &meta, nullptr), pair);
   if (quillon::geometry_built(3)) {
