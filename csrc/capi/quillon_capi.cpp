@@ -624,6 +624,21 @@ QUILLON_API hipError_t quillon_fused_moe_fp8(const void* hidden, const void* rou
   fused_moe_fp8(hidden, router_w, gate_up, down, gate_up_scales, down_scales, out, workspace, M, stream);
   return hipGetLastError();
 }
+QUILLON_API hipError_t quillon_fused_moe_kquant_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up, const void* gate_up_meta, const void* down,
+    const void* down_meta, const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
+    const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t stream) {
+  // The shared ids mean something only next to their metadata.
+  kq::require_format_id(QUILLON_HERE, format_gate_up);
+  kq::require_format_id(QUILLON_HERE, format_down);
+  if (shared_gate_up_meta != nullptr) kq::require_format_id(QUILLON_HERE, format_shared_gate_up);
+  if (shared_down_meta != nullptr) kq::require_format_id(QUILLON_HERE, format_shared_down);
+  fused_moe_kquant_split(format_gate_up, format_down, format_shared_gate_up, format_shared_down, hidden, router_w,
+                         gate_up, gate_up_meta, down, down_meta, shared_gate_up, shared_gate_up_meta, shared_down,
+                         shared_down_meta, out, workspace, M, stream);
+  return hipGetLastError();
+}
 
 /* ---- attention projections ---- */
 }  // extern "C"

@@ -89,6 +89,46 @@ struct MoeWFp8 {
   };
 };
 
+// k-quant: each expert's quant and meta planes back to back in their slabs.
+template <int F>
+struct MoeWKQuant {
+  using Operand = KQuantPlanes;
+  template <int ROLE, int64_t R, int64_t K>
+  struct Expert {
+    static constexpr int64_t kQuantBytes = R * K * KQuantFormat<F>::bits / 8;
+    static constexpr int64_t kMetaBytes = R / 32 * ((K + 255) / 256) * KQuantFormat<F>::meta_tile_bytes;
+    KQuantPlanes p;
+    QDEV Expert(Operand b, int64_t e)
+        : p{reinterpret_cast<const uint32_t*>(reinterpret_cast<const unsigned char*>(b.quant) + e * kQuantBytes),
+            b.meta + e * kMetaBytes} {}
+    QDEV dev::u32x4 load8(int64_t n, int64_t k) const { return kq_dequant8<F>(p, R, n, k); }
+  };
+};
+
+// Routed experts in format F and, from expert `first_shared` on, a second
+// set in FS: one launch serves routed and shared tiles alike.
+struct KQuantDualPlanes {
+  KQuantPlanes routed, shared;
+  int64_t first_shared;
+};
+template <int F, int FS>
+struct MoeWKQuantDual {
+  using Operand = KQuantDualPlanes;
+  template <int ROLE, int64_t R, int64_t K>
+  using Expert = typename MoeWKQuant<F>::template Expert<ROLE, R, K>;
+  template <int ROLE, int64_t R, int64_t K>
+  using Second = typename MoeWKQuant<FS>::template Expert<ROLE, R, K>;
+};
+
+template <class W>
+struct MoeIsDual {
+  static constexpr bool value = false;
+};
+template <int F, int FS>
+struct MoeIsDual<MoeWKQuantDual<F, FS>> {
+  static constexpr bool value = true;
+};
+
 // ---- Config ------------------------------------------------------------------------------
 // (H, I) and the role give K and N; LIMIT is the SwiGLU clamp in thousandths.
 template <int ROLE, class Path_, class W_, int64_t H, int64_t I, int LIMIT>
@@ -134,8 +174,8 @@ QDEV void moe_store(const typename Cfg::Params& p, int64_t pos, int64_t n, float
 }
 
 // ---- Narrow: pair dot products -----------------------------------------------------------
-template <class Cfg>
-QDEV void moe_dot2_tile(const typename Cfg::Params& p, int64_t tile, const typename Cfg::Expert& w) {
+template <class Cfg, class WE>
+QDEV void moe_dot2_tile(const typename Cfg::Params& p, int64_t tile, const WE& w) {
   constexpr int R = Cfg::Path::R;
   constexpr int64_t K = Cfg::kK;
   const int64_t n = (int64_t)blockIdx.x * Cfg::Path::BN + threadIdx.x;
@@ -166,8 +206,8 @@ QDEV void moe_dot2_tile(const typename Cfg::Params& p, int64_t tile, const typen
 }
 
 // ---- 16-row matrix tile ------------------------------------------------------------------
-template <class Cfg>
-QDEV void moe_wmma_tile(const typename Cfg::Params& p, int64_t tile, const typename Cfg::Expert& w) {
+template <class Cfg, class WE>
+QDEV void moe_wmma_tile(const typename Cfg::Params& p, int64_t tile, const WE& w) {
   constexpr int64_t K = Cfg::kK;
   const uint32_t lane = dev::lane_id(), wv = threadIdx.x / 32;
   const int64_t pos = tile * 16 + (lane & 15u);
@@ -199,8 +239,8 @@ QDEV void moe_wmma_tile(const typename Cfg::Params& p, int64_t tile, const typen
 // Wave w owns rows (w % (BM / 32)) * 32 .. + 31 as two 16-row tiles and NJ
 // column tiles of 16. Row groups past the last live one (probed in
 // `sorted_ids`) skip their matrix work.
-template <class Cfg>
-QDEV void moe_prefill_tile(const typename Cfg::Params& p, int64_t tile, const typename Cfg::Expert& w) {
+template <class Cfg, class WE>
+QDEV void moe_prefill_tile(const typename Cfg::Params& p, int64_t tile, const WE& w) {
   constexpr int BM = Cfg::Path::BM, BN = Cfg::Path::BN;
   constexpr int64_t K = Cfg::kK;
   constexpr int RG = BM / 32, NJ = BN / 16 / (16 / RG);
@@ -270,11 +310,19 @@ template <class Cfg>
 __global__ __launch_bounds__(Cfg::kThreads) void moe_expert_kernel(typename Cfg::Params p) {
   const int64_t tile = blockIdx.y;
   if (!tile_in_pass(p.tiles, tile)) return;
-  const typename Cfg::Expert w(p.B, (int64_t)(p.tiles.tile_expert[tile] - p.tiles.expert_base));
+  const int64_t e = (int64_t)(p.tiles.tile_expert[tile] - p.tiles.expert_base);
   using Path = typename Cfg::Path;
-  if constexpr (Path::kThreads == Path::BN) moe_dot2_tile<Cfg>(p, tile, w);
-  else if constexpr (Path::kThreads == 2 * Path::BN) moe_wmma_tile<Cfg>(p, tile, w);
-  else moe_prefill_tile<Cfg>(p, tile, w);
+  if constexpr (MoeIsDual<typename Cfg::W>::value) {
+    static_assert(Path::kThreads == Path::BN, "the dual form is narrow only");
+    using Second = typename Cfg::W::template Second<Cfg::kRole, Cfg::kN, Cfg::kK>;
+    if (e >= p.B.first_shared) moe_dot2_tile<Cfg>(p, tile, Second(p.B.shared, e - p.B.first_shared));
+    else moe_dot2_tile<Cfg>(p, tile, typename Cfg::Expert(p.B.routed, e));
+  } else {
+    const typename Cfg::Expert w(p.B, e);
+    if constexpr (Path::kThreads == Path::BN) moe_dot2_tile<Cfg>(p, tile, w);
+    else if constexpr (Path::kThreads == 2 * Path::BN) moe_wmma_tile<Cfg>(p, tile, w);
+    else moe_prefill_tile<Cfg>(p, tile, w);
+  }
 }
 
 }  // namespace quillon::gemm_core

@@ -17,4 +17,13 @@ void fused_moe_fp8(const void* hidden, const void* router_w, const void* gate_up
                    const void* gate_up_scales, const void* down_scales, void* out, void* workspace, int64_t M,
                    hipStream_t s);
 
+// Routed experts as k-quant planes per role (format ids first); the shared
+// expert's planes in k-quant when both its metadata pointers are given, else
+// bf16 slabs of one expert. The shared format ids are read only with metadata.
+void fused_moe_kquant_split(int32_t fmt_gate_up, int32_t fmt_down, int32_t fmt_shared_gate_up,
+                            int32_t fmt_shared_down, const void* hidden, const void* router_w, const void* gate_up,
+                            const void* gate_up_meta, const void* down, const void* down_meta,
+                            const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
+                            const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t s);
+
 }  // namespace quillon

@@ -344,6 +344,14 @@ QUILLON_API hipError_t quillon_fused_moe(const void* hidden, const void* router_
 QUILLON_API hipError_t quillon_fused_moe_fp8(const void* hidden, const void* router_w, const void* gate_up,
                                              const void* down, const void* gate_up_scales, const void* down_scales,
                                              void* out, void* workspace, int64_t M, hipStream_t stream);
+/* Routed experts as k-quant planes per role; the shared expert as k-quant
+ * planes when both its metadata pointers are given (then its format ids are
+ * read), else bf16 in the layout of quillon_moe_shuffle_gate_up/_down. */
+QUILLON_API hipError_t quillon_fused_moe_kquant_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up, const void* gate_up_meta, const void* down,
+    const void* down_meta, const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
+    const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t stream);
 
 /* ---- paged decode attention ---- */
 /* A device-side plan cuts every (request, KV head) history into ranges over

@@ -49,6 +49,35 @@ std::vector<uint16_t> bf(const std::vector<float>& v) {
   return r;
 }
 
+// k-quant forms of a model: routed gate-up and down formats (0: not k-quant),
+// shared ones (0: the shared expert in bf16).
+struct KqForm {
+  int gu = 0, dn = 0, sgu = 0, sdn = 0;
+};
+
+// GGUF rows of v [R, C], entries -1, 0 or 1: unit scales, the code v itself
+// (Q8_0) or v + 1 less a unit min (Q4_K, Q5_K, whose high code bits stay 0).
+std::vector<uint8_t> encode(int fmt, const std::vector<float>& v) {
+  const size_t bw = fmt == 8 ? 32 : 256, bb = fmt == 8 ? 34 : fmt == 4 ? 144 : 176;
+  std::vector<uint8_t> out(v.size() / bw * bb, 0);
+  for (size_t b = 0; b < v.size() / bw; ++b) {
+    uint8_t* B = &out[b * bb];
+    const float* x = &v[b * bw];
+    B[1] = 0x3c;  // d = 1
+    if (fmt == 8) {
+      for (int j = 0; j < 32; ++j) B[2 + j] = (uint8_t)(int8_t)x[j];
+      continue;
+    }
+    B[3] = 0x3c;  // dmin = 1
+    for (int i = 0; i < 8; ++i) B[4 + i] = 1;
+    for (int i = 8; i < 12; ++i) B[4 + i] = 0x11;
+    uint8_t* qs = B + (fmt == 4 ? 16 : 48);
+    for (int j = 0; j < 256; ++j)
+      qs[(j / 64) * 32 + j % 32] |= (uint8_t)(((int)x[j] + 1) << (4 * (j / 32 % 2)));
+  }
+  return out;
+}
+
 // One model: `live` experts always win (hidden column 0 is 1, their router
 // weight there 64) in an order set by one hidden bit each; those experts and
 // the shared one are filled, in bf16 or fp8 (codes 0, +-1 with a power-of-two
@@ -56,16 +85,23 @@ std::vector<uint16_t> bf(const std::vector<float>& v) {
 struct Model {
   const FGeo& g;
   bool fp8;
+  KqForm kq;
   std::vector<uint16_t> router_rows, gate_row;
   std::map<int32_t, ref::ExpertMats> mats;
   DevBuf blob;
   int64_t esz, gus = 4 * (g.I / 128) * (g.H / 128), dns = (g.H / 128) * (g.I / 128);
-  Slab gu, dn, gu_sc, dn_sc;
+  Slab gu, dn, gu_sc, dn_sc, sgu, sdn, sgu_m, sdn_m;
 
-  Model(const FGeo& geo, bool f8, int live, int up_every = 64)
-      : g(geo), fp8(f8), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
-        gu((size_t)((g.E + 1) * 2 * g.I * g.H * esz)), dn((size_t)((g.E + 1) * g.H * g.I * esz)),
-        gu_sc((size_t)((g.E + 1) * gus * 2)), dn_sc((size_t)((g.E + 1) * dns * 2)) {
+  // k-quant slabs: gu and dn hold the quant planes of E experts, gu_sc and
+  // dn_sc their meta planes; sgu, sdn (and metas) the shared expert.
+  Model(const FGeo& geo, bool f8, int live, int up_every = 64, KqForm k = {})
+      : g(geo), fp8(f8), kq(k), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
+        gu(k.gu ? (size_t)quillon_moe_kquant_gate_up_quant_bytes(k.gu, g.E)
+                : (size_t)((g.E + 1) * 2 * g.I * g.H * esz)),
+        dn(k.gu ? (size_t)quillon_moe_kquant_down_quant_bytes(k.dn, g.E) : (size_t)((g.E + 1) * g.H * g.I * esz)),
+        gu_sc(k.gu ? (size_t)quillon_moe_kquant_gate_up_meta_bytes(k.gu, g.E) : (size_t)((g.E + 1) * gus * 2)),
+        dn_sc(k.gu ? (size_t)quillon_moe_kquant_down_meta_bytes(k.dn, g.E) : (size_t)((g.E + 1) * dns * 2)),
+        sgu((size_t)(2 * g.I * g.H * 2)), sdn((size_t)(g.H * g.I * 2)), sgu_m(1 << 20), sdn_m(1 << 20) {
     qt::Rng rng(90 + g.id + 7 * live + f8);
     std::vector<float> rows((size_t)(g.E * g.H), 0.0f);
     for (int e = 0; e < live; ++e) rows[(size_t)(e * g.H)] = 64.0f, rows[(size_t)(e * g.H + 1 + e)] = 1.0f;
@@ -78,6 +114,11 @@ struct Model {
     for (int32_t e = 0; e <= g.E; e = e + 1 == live ? (int32_t)g.E : e + 1) {
       ref::ExpertMats m{sparse(rng, (size_t)(g.I * g.H), 64, 1, 1), sparse(rng, (size_t)(g.I * g.H), up_every, -1, 1),
                         sparse(rng, (size_t)(g.H * g.I), 8, -1, 1)};
+      if (kq.gu) {
+        store_kquant(e, m);
+        mats[e] = std::move(m);
+        continue;
+      }
       std::vector<uint16_t> sg, su, sd;
       DevBuf a = upload(m.gate, g.I, g.H, sg, rng), b = upload(m.up, g.I, g.H, su, rng);
       DevBuf c = upload(m.down, g.H, g.I, sd, rng);
@@ -98,6 +139,36 @@ struct Model {
       mats[e] = std::move(m);
     }
   }
+  // Expert e into the slabs (the shared one into its own, bf16 unless kq.sgu).
+  void store_kquant(int32_t e, const ref::ExpertMats& m) {
+    const bool shared = e == g.E;
+    if (shared && !kq.sgu) {
+      DevBuf a = DevBuf::from(bf(m.gate)), b = DevBuf::from(bf(m.up)), c = DevBuf::from(bf(m.down));
+      EXPECT_EQ(quillon_moe_shuffle_gate_up(a.get(), b.get(), sgu.p, 1, nullptr), hipSuccess);
+      EXPECT_EQ(quillon_moe_shuffle_down(c.get(), sdn.p, 1, nullptr), hipSuccess);
+      EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+      return;
+    }
+    const int fgu = shared ? kq.sgu : kq.gu, fdn = shared ? kq.sdn : kq.dn;
+    const int64_t z = shared ? 0 : e;
+    auto at = [&](Slab& slab, int64_t (*size)(int32_t, int64_t), int f, int64_t tail) {
+      return slab.p + z * (size(f, 1) - tail);
+    };
+    const std::vector<uint8_t> qg = encode(fgu, m.gate), qu = encode(fgu, m.up), qd = encode(fdn, m.down);
+    DevBuf a = DevBuf::from(qg), b = DevBuf::from(qu), c = DevBuf::from(qd);
+    EXPECT_EQ(quillon_moe_kquant_shuffle_gate_up(fgu, a.get(), b.get(),
+                                                 at(shared ? sgu : gu, quillon_moe_kquant_gate_up_quant_bytes, fgu, 4),
+                                                 at(shared ? sgu_m : gu_sc, quillon_moe_kquant_gate_up_meta_bytes, fgu, 0),
+                                                 1, nullptr),
+              hipSuccess);
+    EXPECT_EQ(quillon_moe_kquant_shuffle_down(fdn, c.get(),
+                                              at(shared ? sdn : dn, quillon_moe_kquant_down_quant_bytes, fdn, 4),
+                                              at(shared ? sdn_m : dn_sc, quillon_moe_kquant_down_meta_bytes, fdn, 0),
+                                              1, nullptr),
+              hipSuccess);
+    EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+  }
+
   // The checkpoint tensor of v [R, C]: bf16, or fp8 codes with scales sc.
   DevBuf upload(std::vector<float>& v, int64_t R, int64_t C, std::vector<uint16_t>& sc, qt::Rng& rng) const {
     if (!fp8) return DevBuf::from(bf(v));
@@ -118,7 +189,12 @@ struct Model {
   }
   std::vector<uint16_t> run(const std::vector<uint16_t>& x, int64_t M) {
     DevBuf d_x = DevBuf::from(x), ws(quillon_moe_workspace_bytes(M)), out(M * g.H * 2);
-    EXPECT_EQ(fp8 ? quillon_fused_moe_fp8(d_x.get(), blob.get(), gu.p, dn.p, gu_sc.p, dn_sc.p, out.get(), ws.get(), M,
+    // Shared ids past the format list: read only next to their metadata.
+    EXPECT_EQ(kq.gu ? quillon_fused_moe_kquant_split(kq.gu, kq.dn, kq.sgu ? kq.sgu : 7, kq.sdn ? kq.sdn : -1, d_x.get(),
+                                                     blob.get(), gu.p, gu_sc.p, dn.p, dn_sc.p, sgu.p,
+                                                     kq.sgu ? sgu_m.p : nullptr, sdn.p, kq.sgu ? sdn_m.p : nullptr,
+                                                     out.get(), ws.get(), M, nullptr)
+          : fp8 ? quillon_fused_moe_fp8(d_x.get(), blob.get(), gu.p, dn.p, gu_sc.p, dn_sc.p, out.get(), ws.get(), M,
                                           nullptr)
                   : quillon_fused_moe(d_x.get(), blob.get(), gu.p, dn.p, out.get(), ws.get(), M, nullptr),
               hipSuccess);
@@ -154,6 +230,7 @@ class MoeFused : public ::testing::Test {
   void TearDown() override {
     quillon_moe_variant_force(3);
     quillon_moe_fp8_narrow_force_max_m(4);
+    quillon_moe_kquant_narrow_force_max_m(4);
   }
 };
 
@@ -197,6 +274,56 @@ TEST_F(MoeFused, EveryPathMatchesTheReference) {
       }
     }
   }
+}
+
+// k-quant experts: two passes with a bf16 shared expert (Q4_K / Q5_K routed)
+// and with a k-quant one (Q5_K shared down: its 32-column decode tiles); the
+// Q8_0 pair takes the dual launch at M 1 and 3, and the same bits come from
+// the two passes with the narrow kernels off. Variants 1 and 2 run the LDS
+// tiles, shared rows from the router's shuffled hidden. Geometry 3's down
+// (K 640) in Q8_0, dual and beside a Q5_K shared gate-up.
+TEST_F(MoeFused, KQuantSplitMatchesTheReference) {
+  struct Case {
+    const FGeo& g;
+    KqForm kq;
+    std::vector<int64_t> Ms;
+  };
+  const Case cases[] = {{kG0, {4, 5, 0, 0}, {1, 3, 33}}, {kG0, {5, 4, 4, 5}, {1, 33}},
+                        {kG0, {8, 4, 8, 8}, {1, 3, 33}}, {kG3, {4, 8, 8, 8}, {3}}, {kG3, {8, 8, 5, 8}, {3}}};
+  for (const Case& c : cases) {
+    if (!quillon::geometry_built(c.g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
+    Model m(c.g, false, 12, 64, c.kq);
+    for (int64_t M : c.Ms) {
+      SCOPED_TRACE("geometry " + std::to_string(c.g.id) + " formats " + std::to_string(c.kq.gu) + "/" +
+                   std::to_string(c.kq.dn) + "/" + std::to_string(c.kq.sgu) + "/" + std::to_string(c.kq.sdn) +
+                   " M " + std::to_string(M));
+      const std::vector<uint16_t> x = m.hidden(M);
+      const std::vector<uint16_t> base = m.run(x, M);
+      m.expect_near(x, base, M);
+      if (M <= 4) {
+        quillon_moe_kquant_narrow_force_max_m(0);
+        EXPECT_BITS_EQ(m.run(x, M), base);
+        quillon_moe_kquant_narrow_force_max_m(4);
+      } else {
+        for (int v = 1; v < 3; ++v) {
+          quillon_moe_variant_force(v);
+          SCOPED_TRACE("variant " + std::to_string(v));
+          EXPECT_BITS_EQ(m.run(x, M), base);
+        }
+        quillon_moe_variant_force(3);
+      }
+    }
+  }
+}
+
+// The table's first shuffled size, routed k-quant with a k-quant shared
+// expert: pass 2 reads the router's shuffled rows.
+TEST_F(MoeFused, KQuantSplitPrefillSizeMatchesSampledReference) {
+  QT_SELECT_GEOMETRY(0);
+  Model m(kG0, false, 12, 64, {4, 8, 5, 8});
+  const std::vector<uint16_t> x = m.hidden(769);
+  m.expect_near(x, m.run(x, 769), 769, 48);
 }
 
 // A prefill size on the table (T = 64, gathered and shuffled), sampled tokens.
@@ -248,6 +375,28 @@ TEST(MoePolicy, Messages) {
                          "no compiled variant for " + std::to_string(T));
   }
   quillon_moe_dispatch_force(0, 0);
+  // Ids first (shared ones only beside metadata), then the metadata pair,
+  // then the sets: geometry 3's down takes only 8 and 20.
+  auto kq = [](int32_t a, int32_t b, int32_t c, int32_t d, const void* cm, const void* dm) {
+    (void)quillon_fused_moe_kquant_split(a, b, c, d, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                         cm, nullptr, dm, nullptr, nullptr, 1, nullptr);
+  };
+  int meta = 0;
+  const char* pair = "the shared expert needs metadata for both slabs or for neither";
+  EXPECT_QUILLON_FATAL(kq(7, 4, 8, 8, &meta, &meta), "7 is not a k-quant format id (see kquant_sets's FORMATS list)");
+  EXPECT_QUILLON_FATAL(kq(4, 4, 8, 24, nullptr, &meta),
+                       "24 is not a k-quant format id (see kquant_sets's FORMATS list)");
+  EXPECT_QUILLON_FATAL(kq(4, 4, 24, 8, nullptr, &meta), pair);
+  EXPECT_QUILLON_FATAL(kq(4, 4, 8, 8, &meta, nullptr), pair);
+  if (quillon::geometry_built(3)) {
+    ASSERT_EQ(quillon_select_geometry(3), 0);
+    const char* ragged = "k-quant format %d is not in this build's ragged-K set (kquant_sets)";
+    char want[128];
+    std::snprintf(want, sizeof want, ragged, 5);
+    EXPECT_QUILLON_FATAL(kq(5, 5, 8, 8, nullptr, nullptr), want);
+    std::snprintf(want, sizeof want, ragged, 4);
+    EXPECT_QUILLON_FATAL(kq(4, 20, 8, 4, &meta, &meta), want);
+  }
   ASSERT_EQ(quillon_select_geometry(1), 0);
   EXPECT_QUILLON_FATAL(quillon_moe_workspace_bytes(1),
                        "geometry 1 does not carry this op; it belongs to a model family this build instantiates for "
