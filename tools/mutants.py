@@ -229,6 +229,15 @@ MUTANTS = [
       "moe"),
     m("moe.scatter_reduce_reversed", "csrc/moe/fused_moe.cpp",
       "for (int s = 0; s < S; ++s) {", "for (int s = S - 1; s >= 0; --s) {", "moe"),
+    # ---- MoE low-bit entries ----
+    m("moe.lowbit_merged_drops_shared", "csrc/gemm_core/gemm_core_moe_expert.h",
+      "} else if (tile_in_pass(p.shared.tiles, tile)) {", "} else if (false) {", "moe"),
+    m("moe.lowbit_merged_no_clamp", "csrc/moe/moe_lowbit_stage.h",
+      "constexpr int L = ROLE == 0 && G::id == 2 ? 10000 : 0;", "constexpr int L = 0;", "moe"),
+    m("moe.lowbit_down_stride_short", "csrc/moe/fused_moe_lowbit.cpp",
+      "stride_dn = moe_lowbit_stride(1, E);", "stride_dn = moe_lowbit_stride(1, E - 1);", "moe"),
+    m("moe.lowbit_table_ignored", "csrc/moe/fused_moe_lowbit.cpp",
+      "table ? &routing : nullptr", "nullptr", "moe"),
     # ---- file reader ----
     m("io.tail_end_rounds_down", "csrc/io/file_read.cpp",
       "aligned_end = (offset + bytes + A - 1) / A * A;", "aligned_end = (offset + bytes) / A * A;", "io"),

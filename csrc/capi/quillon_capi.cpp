@@ -639,6 +639,43 @@ QUILLON_API hipError_t quillon_fused_moe_kquant_split(
                          shared_down_meta, out, workspace, M, stream);
   return hipGetLastError();
 }
+QUILLON_API hipError_t quillon_fused_moe_lowbit_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up_p0, const void* gate_up_p1,
+    const void* gate_up_p2, const void* down_p0, const void* down_p1, const void* down_p2,
+    const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
+    const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t stream) {
+  const MoeLowBitExperts x{format_gate_up, format_down, false, {gate_up_p0, gate_up_p1, gate_up_p2},
+                           {down_p0, down_p1, down_p2}};
+  fused_moe_lowbit(x, format_shared_gate_up, format_shared_down, hidden, router_w, nullptr, nullptr, false,
+                   shared_gate_up, shared_gate_up_meta, shared_down, shared_down_meta, out, workspace, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_fused_moe_lowbit_kquant_down_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up_p0, const void* gate_up_p1,
+    const void* gate_up_p2, const void* down, const void* down_meta, const void* shared_gate_up,
+    const void* shared_gate_up_meta, const void* shared_down, const void* shared_down_meta, void* out,
+    void* workspace, int64_t M, hipStream_t stream) {
+  const MoeLowBitExperts x{format_gate_up, format_down, true, {gate_up_p0, gate_up_p1, gate_up_p2},
+                           {down, down_meta, nullptr}};
+  fused_moe_lowbit(x, format_shared_gate_up, format_shared_down, hidden, router_w, nullptr, nullptr, false,
+                   shared_gate_up, shared_gate_up_meta, shared_down, shared_down_meta, out, workspace, M, stream);
+  return hipGetLastError();
+}
+QUILLON_API hipError_t quillon_moe_experts_lowbit_split_tid2eid(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const int64_t* token_ids, const int32_t* tid2eid,
+    const void* gate_up_p0, const void* gate_up_p1, const void* gate_up_p2, const void* down_p0,
+    const void* down_p1, const void* down_p2, const void* shared_gate_up, const void* shared_gate_up_meta,
+    const void* shared_down, const void* shared_down_meta, void* out, void* workspace, int64_t M,
+    hipStream_t stream) {
+  const MoeLowBitExperts x{format_gate_up, format_down, false, {gate_up_p0, gate_up_p1, gate_up_p2},
+                           {down_p0, down_p1, down_p2}};
+  fused_moe_lowbit(x, format_shared_gate_up, format_shared_down, hidden, router_w, token_ids, tid2eid, true,
+                   shared_gate_up, shared_gate_up_meta, shared_down, shared_down_meta, out, workspace, M, stream);
+  return hipGetLastError();
+}
 
 /* ---- attention projections ---- */
 }  // extern "C"

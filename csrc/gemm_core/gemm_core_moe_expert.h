@@ -6,10 +6,13 @@
 #pragma once
 #include <stdint.h>
 
+#include <type_traits>
+
 #include "../platform/device.h"
 #include "../platform/numerics.h"
 #include "gemm_loaders.h"
 #include "gemm_shuffle.h"
+#include "gemm_w_iquant.h"
 #include "gemm_w_kquant.h"
 #include "grouped_gemm_tiles.h"
 
@@ -39,10 +42,11 @@ template <int BN_>
 struct MoeDecodeWmmaBN {
   static constexpr int BN = BN_, BM = 16, kThreads = 2 * BN_;
 };
-// BM x BN tiles through LDS, 16 waves.
+// BM x BN tiles through LDS, 16 waves. BN 256 serves the merged low-bit kernel.
 template <int BM_, int BN_>
 struct MoePrefillLds {
-  static_assert((BM_ == 64 || BM_ == 128) && BN_ == 128, "prefill tiles are 64 or 128 by 128");
+  static_assert((BM_ == 64 || BM_ == 128) && (BN_ == 128 || (BM_ == 128 && BN_ == 256)),
+                "prefill tiles are 64 or 128 by 128, or 128 by 256");
   static constexpr int BM = BM_, BN = BN_, kThreads = 512;
 };
 
@@ -119,6 +123,30 @@ struct MoeWKQuantDual {
   template <int ROLE, int64_t R, int64_t K>
   using Second = typename MoeWKQuant<FS>::template Expert<ROLE, R, K>;
 };
+
+// Low-bit planes that all routed experts of a role share, K-block-major; an
+// expert's rows start at global row e * R, so the stride is a launch argument.
+struct LowBitOperand {
+  iquant::LowBitPlanes planes;
+  int64_t stride;
+};
+template <int Q>
+struct MoeWLowBit {
+  using Operand = LowBitOperand;
+  template <int ROLE, int64_t R, int64_t K>
+  struct Expert {
+    static_assert(Q == iquant::MXFP4 ? K % 32 == 0 : K % 256 == 0, "whole blocks of the format along K");
+    iquant::LowBitPlanes p;
+    int64_t stride, row0;
+    QDEV Expert(Operand b, int64_t e) : p(b.planes), stride(b.stride), row0(e * R) {}
+    QDEV dev::u32x4 load8(int64_t n, int64_t k) const { return iquant::lowbit_dequant8<Q>(p, stride, row0 + n, k); }
+  };
+};
+template <int Q>
+struct MoeWIQuant : MoeWLowBit<Q> {
+  static_assert(Q == iquant::IQ2_XXS || Q == iquant::IQ3_XXS || Q == iquant::IQ2_S, "i-quant expert formats");
+};
+struct MoeWMxfp4 : MoeWLowBit<iquant::MXFP4> {};
 
 template <class W>
 struct MoeIsDual {
@@ -278,26 +306,33 @@ QDEV void moe_prefill_tile(const typename Cfg::Params& p, int64_t tile, const WE
                                           : (r * K + k + c * 8) * 2;
       lds_a[lds_chunk(r, c) / 16] = ld16(a_src + off);
     }
-    lds_b[lds_chunk(t / 4, t % 4) / 16] = w.load8(n0 + t / 4, k + (t % 4) * 8);
+#pragma unroll
+    for (uint32_t c = t; c < (uint32_t)BN * 4; c += 512) lds_b[lds_chunk(c / 4, c % 4) / 16] = w.load8(n0 + c / 4, k + (c % 4) * 8);
     __syncthreads();
 #pragma unroll
     for (uint32_t h = 0; h < 2; ++h) {
-      dev::bf16x16 b[NJ];
+      // Both row groups' A first, then one B at a time: at BN 256 this keeps
+      // the live operands inside the register budget.
+      dev::bf16x16 a[2];
+      for (int i = 0; i < 2; ++i) {
+        const uint32_t r = wr * 32 + i * 16 + (lane & 15u);
+        a[i] = bf16x16_of(lds_a[lds_chunk(r, 2 * h) / 16], lds_a[lds_chunk(r, 2 * h + 1) / 16]);
+      }
+#pragma unroll
       for (int j = 0; j < NJ; ++j) {
         const uint32_t rb = wc * 16 * NJ + j * 16 + (lane & 15u);
-        b[j] = bf16x16_of(lds_b[lds_chunk(rb, 2 * h) / 16], lds_b[lds_chunk(rb, 2 * h + 1) / 16]);
-      }
-      for (int i = 0; i < 2; ++i) {
-        const uint32_t ra = wr * 32 + i * 16;
-        if ((int)ra >= live_rows) continue;
-        const uint32_t r = ra + (lane & 15u);
-        const dev::bf16x16 a = bf16x16_of(lds_a[lds_chunk(r, 2 * h) / 16], lds_a[lds_chunk(r, 2 * h + 1) / 16]);
-        for (int j = 0; j < NJ; ++j) acc[i][j] = dev::wmma_bf16(a, b[j], acc[i][j]);
+        const dev::bf16x16 b = bf16x16_of(lds_b[lds_chunk(rb, 2 * h) / 16], lds_b[lds_chunk(rb, 2 * h + 1) / 16]);
+        for (int i = 0; i < 2; ++i)
+          if ((int)(wr * 32 + i * 16) < live_rows) acc[i][j] = dev::wmma_bf16(a[i], b, acc[i][j]);
       }
     }
   }
+  // Fully unrolled: an indexed accumulator would live in scratch.
+#pragma unroll
   for (int i = 0; i < 2; ++i)
+#pragma unroll
     for (int j = 0; j < NJ; ++j)
+#pragma unroll
       for (int v = 0; v < 8; ++v)
         moe_store<Cfg>(p, tile * BM + wr * 32 + i * 16 + 2 * v + (lane >> 4),
                        n0 + wc * 16 * NJ + j * 16 + (lane & 15u), acc[i][j][v]);
@@ -322,6 +357,31 @@ __global__ __launch_bounds__(Cfg::kThreads) void moe_expert_kernel(typename Cfg:
     if constexpr (Path::kThreads == Path::BN) moe_dot2_tile<Cfg>(p, tile, w);
     else if constexpr (Path::kThreads == 2 * Path::BN) moe_wmma_tile<Cfg>(p, tile, w);
     else moe_prefill_tile<Cfg>(p, tile, w);
+  }
+}
+
+// ---- Merged routed and shared tiles ------------------------------------------------------
+// Routed low-bit tiles (pass 1) and the shared expert's k-quant tiles (pass 2,
+// expert base E) of one role in one launch of the same LDS path.
+template <class RoutedCfg, class SharedCfg>
+struct MoeMergedParams {
+  typename RoutedCfg::Params routed;
+  typename SharedCfg::Params shared;
+};
+
+template <class RoutedCfg, class SharedCfg>
+__global__ __launch_bounds__(RoutedCfg::kThreads) void moe_expert_merged_kernel(
+    MoeMergedParams<RoutedCfg, SharedCfg> p) {
+  static_assert(std::is_same_v<typename RoutedCfg::Path, typename SharedCfg::Path> &&
+                    RoutedCfg::kRole == SharedCfg::kRole && RoutedCfg::kThreads == 512,
+                "one LDS path and role for both halves");
+  const int64_t tile = blockIdx.y;
+  if (tile_in_pass(p.routed.tiles, tile)) {
+    const int64_t e = (int64_t)(p.routed.tiles.tile_expert[tile] - p.routed.tiles.expert_base);
+    moe_prefill_tile<RoutedCfg>(p.routed, tile, typename RoutedCfg::Expert(p.routed.B, e));
+  } else if (tile_in_pass(p.shared.tiles, tile)) {
+    const int64_t e = (int64_t)(p.shared.tiles.tile_expert[tile] - p.shared.tiles.expert_base);
+    moe_prefill_tile<SharedCfg>(p.shared, tile, typename SharedCfg::Expert(p.shared.B, e));
   }
 }
 

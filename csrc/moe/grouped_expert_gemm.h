@@ -26,4 +26,22 @@ void fused_moe_kquant_split(int32_t fmt_gate_up, int32_t fmt_down, int32_t fmt_s
                             const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
                             const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t s);
 
+// Routed experts in low-bit planes p0, p1, p2 of one expert quant format per
+// role, all E experts at the stride of quillon_moe_lowbit_*_stride(E); with
+// `down_kquant` the down role is k-quant instead (down[0], down[1] its quant
+// and meta planes, fmt_down a k-quant id).
+struct MoeLowBitExperts {
+  int32_t fmt_gate_up, fmt_down;
+  bool down_kquant;
+  const void* gate_up[3];
+  const void* down[3];
+};
+// The shared expert as in fused_moe_kquant_split. With `table`, tokens route
+// by their row of tid2eid (token ids [M]) instead of by scores.
+void fused_moe_lowbit(const MoeLowBitExperts& x, int32_t fmt_shared_gate_up, int32_t fmt_shared_down,
+                      const void* hidden, const void* router_w, const int64_t* token_ids, const int32_t* tid2eid,
+                      bool table, const void* shared_gate_up, const void* shared_gate_up_meta,
+                      const void* shared_down, const void* shared_down_meta, void* out, void* workspace, int64_t M,
+                      hipStream_t s);
+
 }  // namespace quillon

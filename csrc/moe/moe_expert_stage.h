@@ -77,11 +77,21 @@ inline void check_variant(const MoeVariant& v) {
   if (!ok) QUILLON_FATAL("no compiled variant for %d", v.T);
 }
 
-// Router and sort into the carved workspace; the tile record of pass 0.
+// Table routing: each token's experts from its row of `tid2eid`.
+struct MoeTableRouting {
+  const int64_t* token_ids;
+  const int32_t* tid2eid;
+};
+
+// Router (by scores, or by the table when one is given) and sort into the
+// carved workspace; the tile record of pass 0.
 template <class G>
 GroupedGemmTiles route_and_sort(const void* hidden, const void* router_w, const MoeWorkspace& w, int64_t M,
-                                hipStream_t s) {
-  moe_router(hidden, router_w, w.weights, w.ids, w.logits, w.hidden_shuffled, M, s);
+                                hipStream_t s, const MoeTableRouting* table = nullptr) {
+  if (table != nullptr)
+    moe_router_tid2eid(hidden, router_w, table->token_ids, table->tid2eid, w.weights, w.ids, w.hidden_shuffled, M, s);
+  else
+    moe_router(hidden, router_w, w.weights, w.ids, w.logits, w.hidden_shuffled, M, s);
   moe_sort(w.ids, w.weights, {w.sorted_ids, w.tile_expert, w.tile_counts, w.sorted_weights, w.inverse}, w.counters,
            M, s);
   GroupedGemmTiles t{};

@@ -63,11 +63,82 @@ void moe_kquant_dual_product(int role, const MoeVariant& v, int32_t narrow_max, 
   });
 }
 
+// Each format's products live in its generated unit.
 #define QUILLON_MOE_KQUANT_EXTERN(F)                                                                              \
   extern template void moe_kquant_product<F>(int, bool, const MoeVariant&, int32_t, const void*,                 \
                                              gemm_core::KQuantPlanes, void*, const GroupedGemmTiles&, hipStream_t); \
   extern template void moe_kquant_dual_product<F>(int, const MoeVariant&, int32_t, const void*,                  \
                                                   gemm_core::KQuantDualPlanes, void*, const GroupedGemmTiles&,      \
                                                   hipStream_t);
+QUILLON_MOE_KQUANT_EXTERN(2)
+QUILLON_MOE_KQUANT_EXTERN(3)
+QUILLON_MOE_KQUANT_EXTERN(4)
+QUILLON_MOE_KQUANT_EXTERN(5)
+QUILLON_MOE_KQUANT_EXTERN(6)
+QUILLON_MOE_KQUANT_EXTERN(8)
+QUILLON_MOE_KQUANT_EXTERN(20)
+QUILLON_MOE_KQUANT_EXTERN(23)
+#undef QUILLON_MOE_KQUANT_EXTERN
+
+inline gemm_core::KQuantPlanes kquant_planes(const void* quant, const void* meta) {
+  return {static_cast<const uint32_t*>(quant), static_cast<const uint8_t*>(meta)};
+}
+
+// A k-quant id's set for a role: geometry 3's down (K = 640) takes only the
+// 32-weight-block formats. Aborts outside it, else calls f(Value<id>).
+template <class G, class F>
+void on_kquant_role(int role, int32_t id, F&& f) {
+  if (G::id == 3 && role == 1) kq::on_kquant<kq::RaggedK>(QUILLON_HERE, id, f);
+  else kq::on_kquant<kq::GeneralGemm>(QUILLON_HERE, id, f);
+}
+template <class G>
+void check_kquant_role(int role, int32_t id) {
+  on_kquant_role<G>(role, id, [](auto) {});
+}
+
+// The shared expert of a split entry: k-quant planes when both metadata
+// pointers are given (then its format ids are read), else bf16 slabs.
+struct MoeSharedExpert {
+  int32_t fmt_gate_up, fmt_down;
+  const void* gate_up;
+  const void* gate_up_meta;
+  const void* down;
+  const void* down_meta;
+  bool kquant() const { return gate_up_meta != nullptr; }
+};
+
+inline void check_shared_pair(const MoeSharedExpert& sh) {
+  if ((sh.gate_up_meta == nullptr) != (sh.down_meta == nullptr))
+    QUILLON_FATAL("the shared expert needs metadata for both slabs or for neither");
+}
+template <class G>
+void check_shared_formats(const MoeSharedExpert& sh) {
+  if (!sh.kquant()) return;
+  check_kquant_role<G>(0, sh.fmt_gate_up);
+  check_kquant_role<G>(1, sh.fmt_down);
+}
+
+// Pass 2 of a split entry, expert base E: the shared gate-up and down, no
+// gather (shuffled rows come from the router). k-quant takes its narrow
+// maximum, bf16 its constant 4.
+template <class G>
+void shared_expert_pass(const MoeSharedExpert& sh, const MoeVariant& v, const void* a0, void* intermediate,
+                        void* expert_rows, GroupedGemmTiles t, hipStream_t s) {
+  t.pass = 2;
+  t.expert_base = (int32_t)G::moe_num_experts;
+  if (sh.kquant()) {
+    const int32_t nm = moe_narrow_max_m(MoeNarrow::KQuant);
+    on_kquant_role<G>(0, sh.fmt_gate_up, [&](auto f) {
+      moe_kquant_product<f>(0, true, v, nm, a0, kquant_planes(sh.gate_up, sh.gate_up_meta), intermediate, t, s);
+    });
+    on_kquant_role<G>(1, sh.fmt_down, [&](auto f) {
+      moe_kquant_product<f>(1, true, v, nm, intermediate, kquant_planes(sh.down, sh.down_meta), expert_rows, t, s);
+    });
+  } else {
+    using gemm_core::MoeWBf16;
+    grouped_product<G, 0, MoeWBf16>(v, 4, a0, static_cast<const uint16_t*>(sh.gate_up), intermediate, t, s);
+    grouped_product<G, 1, MoeWBf16>(v, 4, intermediate, static_cast<const uint16_t*>(sh.down), expert_rows, t, s);
+  }
+}
 
 }  // namespace quillon::moe_stage

@@ -352,6 +352,31 @@ QUILLON_API hipError_t quillon_fused_moe_kquant_split(
     const void* hidden, const void* router_w, const void* gate_up, const void* gate_up_meta, const void* down,
     const void* down_meta, const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
     const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t stream);
+/* Routed experts as low-bit planes (expert quant formats 0..3) shared by all E
+ * routed experts of a role, at the strides of quillon_moe_lowbit_*_stride(E);
+ * the shared expert as in quillon_fused_moe_kquant_split. */
+QUILLON_API hipError_t quillon_fused_moe_lowbit_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up_p0, const void* gate_up_p1,
+    const void* gate_up_p2, const void* down_p0, const void* down_p1, const void* down_p2,
+    const void* shared_gate_up, const void* shared_gate_up_meta, const void* shared_down,
+    const void* shared_down_meta, void* out, void* workspace, int64_t M, hipStream_t stream);
+/* Gate-up in low-bit planes, down in k-quant planes (format_down a k-quant id). */
+QUILLON_API hipError_t quillon_fused_moe_lowbit_kquant_down_split(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const void* gate_up_p0, const void* gate_up_p1,
+    const void* gate_up_p2, const void* down, const void* down_meta, const void* shared_gate_up,
+    const void* shared_gate_up_meta, const void* shared_down, const void* shared_down_meta, void* out,
+    void* workspace, int64_t M, hipStream_t stream);
+/* As quillon_fused_moe_lowbit_split, each token routed to the experts of its
+ * row of tid2eid (int32 [vocabulary, K]); token_ids int64 [M]. */
+QUILLON_API hipError_t quillon_moe_experts_lowbit_split_tid2eid(
+    int32_t format_gate_up, int32_t format_down, int32_t format_shared_gate_up, int32_t format_shared_down,
+    const void* hidden, const void* router_w, const int64_t* token_ids, const int32_t* tid2eid,
+    const void* gate_up_p0, const void* gate_up_p1, const void* gate_up_p2, const void* down_p0,
+    const void* down_p1, const void* down_p2, const void* shared_gate_up, const void* shared_gate_up_meta,
+    const void* shared_down, const void* shared_down_meta, void* out, void* workspace, int64_t M,
+    hipStream_t stream);
 
 /* ---- paged decode attention ---- */
 /* A device-side plan cuts every (request, KV head) history into ranges over

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 
 #include "common/test_util.h"
 #include "device/device_config.h"
 #include "quillon/quillon.h"
+#include "reference/gguf_ref.h"
 #include "reference/moe_expert_ref.h"
 #include "reference/moe_router_ref.h"
 
@@ -78,6 +80,49 @@ std::vector<uint8_t> encode(int fmt, const std::vector<float>& v) {
   return out;
 }
 
+// Low-bit routed experts: expert quant formats per role (-1: none). A low-bit
+// gate-up beside kq.dn takes the k-quant-down entry; `table` routes by a
+// token table instead of scores.
+struct LbForm {
+  int gu = -1, dn = -1;
+  bool table = false;
+};
+
+// GGUF blocks of [R, C] in expert quant format q: one block (super-block) in
+// `every` holds random codes at a power-of-two d (MXFP4: the FP4 values
+// themselves) with scale nibbles 0..1, the rest are zero; `positive` clears
+// the signs. Every weight has at most 8 significant bits, so it is exact in
+// bf16 and the gate-up sums over integer hidden rows are exact in fp32.
+std::vector<uint8_t> lowbit_blocks(int q, int64_t R, int64_t C, int every, bool positive, qt::Rng& rng,
+                                   const ref::LowBitTables& tab, std::vector<float>& vals) {
+  const int bw = ref::lowbit_block_weights(q), bb = ref::lowbit_block_bytes(q);
+  std::vector<uint8_t> out((size_t)(R * C / bw * bb), 0);
+  vals.assign((size_t)(R * C), 0.0f);
+  for (int64_t b = 0; b < R * C / bw; ++b) {
+    if (rng.integer(0, every - 1) != 0) continue;
+    uint8_t* B = &out[(size_t)(b * bb)];
+    for (int i = 0; i < bb; ++i) B[i] = (uint8_t)rng.integer(0, 255);
+    if (q == 2) {
+      B[0] = 127;
+      for (int i = 1; i < 17 && positive; ++i) B[i] &= 0x77;
+    } else {
+      B[0] = 0x00, B[1] = 0x28;  // d = 2^-5
+      for (int j = 0; j < 8; ++j) {
+        if (q == 3) {
+          B[74 + j] &= 0x11;
+          for (int i = 0; i < 4 && positive; ++i) B[34 + 4 * j + i] = 0;
+        } else {
+          uint8_t* w = B + (q == 0 ? 6 + 8 * j : 66 + 4 * j);  // signs in bits 0..27, the scale above
+          w[3] &= positive ? 0x10 : 0x1f;
+          if (positive) w[0] = w[1] = w[2] = 0;
+        }
+      }
+    }
+    for (int j = 0; j < bw; ++j) vals[(size_t)(b * bw + j)] = qt::bf(ref::round_dequant(ref::lowbit_value(tab, q, B, j)));
+  }
+  return out;
+}
+
 // One model: `live` experts always win (hidden column 0 is 1, their router
 // weight there 64) in an order set by one hidden bit each; those experts and
 // the shared one are filled, in bf16 or fp8 (codes 0, +-1 with a power-of-two
@@ -86,22 +131,25 @@ struct Model {
   const FGeo& g;
   bool fp8;
   KqForm kq;
+  LbForm lb;
   std::vector<uint16_t> router_rows, gate_row;
   std::map<int32_t, ref::ExpertMats> mats;
   DevBuf blob;
   int64_t esz, gus = 4 * (g.I / 128) * (g.H / 128), dns = (g.H / 128) * (g.I / 128);
   Slab gu, dn, gu_sc, dn_sc, sgu, sdn, sgu_m, sdn_m;
+  std::vector<std::unique_ptr<Slab>> planes;  // low-bit p0..p2 of gate-up, then of down
 
   // k-quant slabs: gu and dn hold the quant planes of E experts, gu_sc and
   // dn_sc their meta planes; sgu, sdn (and metas) the shared expert.
-  Model(const FGeo& geo, bool f8, int live, int up_every = 64, KqForm k = {})
-      : g(geo), fp8(f8), kq(k), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
-        gu(k.gu ? (size_t)quillon_moe_kquant_gate_up_quant_bytes(k.gu, g.E)
+  Model(const FGeo& geo, bool f8, int live, int up_every = 64, KqForm k = {}, LbForm l = {})
+      : g(geo), fp8(f8), kq(k), lb(l), blob(quillon_moe_shuffle_router_bytes()), esz(f8 ? 1 : 2),
+        gu(l.gu >= 0 ? 1 : k.gu ? (size_t)quillon_moe_kquant_gate_up_quant_bytes(k.gu, g.E)
                 : (size_t)((g.E + 1) * 2 * g.I * g.H * esz)),
-        dn(k.gu ? (size_t)quillon_moe_kquant_down_quant_bytes(k.dn, g.E) : (size_t)((g.E + 1) * g.H * g.I * esz)),
+        dn(k.dn ? (size_t)quillon_moe_kquant_down_quant_bytes(k.dn, g.E) : (size_t)((g.E + 1) * g.H * g.I * esz)),
         gu_sc(k.gu ? (size_t)quillon_moe_kquant_gate_up_meta_bytes(k.gu, g.E) : (size_t)((g.E + 1) * gus * 2)),
-        dn_sc(k.gu ? (size_t)quillon_moe_kquant_down_meta_bytes(k.dn, g.E) : (size_t)((g.E + 1) * dns * 2)),
-        sgu((size_t)(2 * g.I * g.H * 2)), sdn((size_t)(g.H * g.I * 2)), sgu_m(1 << 20), sdn_m(1 << 20) {
+        dn_sc(k.dn ? (size_t)quillon_moe_kquant_down_meta_bytes(k.dn, g.E) : (size_t)((g.E + 1) * dns * 2)),
+        sgu((size_t)(2 * g.I * g.H * 2)), sdn((size_t)(g.H * g.I * 2)), sgu_m(k.sgu ? (size_t)quillon_moe_kquant_gate_up_meta_bytes(k.sgu, 1) : 1),
+        sdn_m(k.sdn ? (size_t)quillon_moe_kquant_down_meta_bytes(k.sdn, 1) : 1) {
     qt::Rng rng(90 + g.id + 7 * live + f8);
     std::vector<float> rows((size_t)(g.E * g.H), 0.0f);
     for (int e = 0; e < live; ++e) rows[(size_t)(e * g.H)] = 64.0f, rows[(size_t)(e * g.H + 1 + e)] = 1.0f;
@@ -111,10 +159,19 @@ struct Model {
     if (g.gate) src.insert(src.end(), gate_row.begin(), gate_row.end());
     DevBuf d_src = DevBuf::from(src), d_bias = DevBuf::from(std::vector<float>((size_t)g.E, 0.0f));
     EXPECT_EQ(quillon_moe_shuffle_router(d_src.get(), d_bias.as<float>(), blob.get(), nullptr), hipSuccess);
-    for (int32_t e = 0; e <= g.E; e = e + 1 == live ? (int32_t)g.E : e + 1) {
+    if (lb.gu >= 0) {
+      const ref::LowBitTables tab = ref::load_lowbit_tables(QT_GGUF_TABLE_DIR);
+      for (int p = 0; p < 6; ++p) {
+        const int q = p < 3 ? lb.gu : lb.dn;
+        const int64_t bytes = q < 0 ? 0 : p < 3 ? lowbit_bytes(0, p, q, g.E) : lowbit_bytes(1, p - 3, q, g.E);
+        planes.push_back(std::make_unique<Slab>((size_t)(bytes ? bytes : 1)));
+      }
+      for (int32_t e = 0; e < live; ++e) mats[e] = store_lowbit(e, rng, tab, up_every);
+    }
+    for (int32_t e = lb.gu >= 0 ? (int32_t)g.E : 0; e <= g.E; e = e + 1 == live ? (int32_t)g.E : e + 1) {
       ref::ExpertMats m{sparse(rng, (size_t)(g.I * g.H), 64, 1, 1), sparse(rng, (size_t)(g.I * g.H), up_every, -1, 1),
                         sparse(rng, (size_t)(g.H * g.I), 8, -1, 1)};
-      if (kq.gu) {
+      if (kq.gu || lb.gu >= 0) {
         store_kquant(e, m);
         mats[e] = std::move(m);
         continue;
@@ -169,6 +226,57 @@ struct Model {
     EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
   }
 
+  static int64_t lowbit_bytes(int role, int plane, int q, int64_t n) {
+    int64_t (*f[2][3])(int32_t, int64_t) = {
+        {quillon_moe_lowbit_gate_up_p0_bytes, quillon_moe_lowbit_gate_up_p1_bytes, quillon_moe_lowbit_gate_up_p2_bytes},
+        {quillon_moe_lowbit_down_p0_bytes, quillon_moe_lowbit_down_p1_bytes, quillon_moe_lowbit_down_p2_bytes}};
+    return f[role][plane](q, n);
+  }
+  // Routed expert e in low-bit planes: shuffled alone (n 1), then each plane's
+  // K-block rows copied to rows e * R.. of the planes of all E experts. A
+  // k-quant down (kq.dn) is stored as in store_kquant.
+  ref::ExpertMats store_lowbit(int32_t e, qt::Rng& rng, const ref::LowBitTables& tab, int up_every) {
+    ref::ExpertMats m;
+    const std::vector<uint8_t> bg = lowbit_blocks(lb.gu, g.I, g.H, 4, true, rng, tab, m.gate),
+                               bu = lowbit_blocks(lb.gu, g.I, g.H, up_every, false, rng, tab, m.up);
+    std::vector<uint8_t> bd;
+    if (lb.dn >= 0) bd = lowbit_blocks(lb.dn, g.H, g.I, 4, false, rng, tab, m.down);
+    else m.down = sparse(rng, (size_t)(g.H * g.I), 8, -1, 1);
+    for (int role = 0; role < 2; ++role) {
+      const int q = role == 0 ? lb.gu : lb.dn;
+      if (q < 0) {
+        const std::vector<uint8_t> qd = encode(kq.dn, m.down);
+        DevBuf c = DevBuf::from(qd);
+        const int64_t z = e * (quillon_moe_kquant_down_quant_bytes(kq.dn, 1) - 4);
+        EXPECT_EQ(quillon_moe_kquant_shuffle_down(kq.dn, c.get(), dn.p + z,
+                                                  dn_sc.p + e * quillon_moe_kquant_down_meta_bytes(kq.dn, 1), 1,
+                                                  nullptr),
+                  hipSuccess);
+        EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+        continue;
+      }
+      const int64_t R = role == 0 ? 2 * g.I : g.H, K = role == 0 ? g.H : g.I;
+      const int64_t s1 = role == 0 ? quillon_moe_lowbit_gate_up_stride(1) : quillon_moe_lowbit_down_stride(1);
+      const int64_t sE = role == 0 ? quillon_moe_lowbit_gate_up_stride(g.E) : quillon_moe_lowbit_down_stride(g.E);
+      DevBuf one[3] = {DevBuf((size_t)lowbit_bytes(role, 0, q, 1)), DevBuf((size_t)lowbit_bytes(role, 1, q, 1)),
+                       DevBuf((size_t)std::max<int64_t>(lowbit_bytes(role, 2, q, 1), 1))};
+      void* p2 = q == 2 ? nullptr : one[2].get();
+      DevBuf a = DevBuf::from(role == 0 ? bg : bd), b = DevBuf::from(bu);
+      EXPECT_EQ(role == 0 ? quillon_moe_lowbit_shuffle_gate_up(q, a.get(), b.get(), one[0].get(), one[1].get(), p2, 1,
+                                                               nullptr)
+                          : quillon_moe_lowbit_shuffle_down(q, a.get(), one[0].get(), one[1].get(), p2, 1, nullptr),
+                hipSuccess);
+      for (int p = 0; p < (q == 2 ? 2 : 3); ++p) {
+        const int64_t blocks = p == 2 ? K / 256 : K / 32, w = lowbit_bytes(role, p, q, 1) / (s1 * blocks);
+        EXPECT_EQ(hipMemcpy2D(planes[(size_t)(3 * role + p)]->p + e * R * w, (size_t)(sE * w), one[p].get(),
+                              (size_t)(s1 * w), (size_t)(R * w), (size_t)blocks, hipMemcpyDeviceToDevice),
+                  hipSuccess);
+      }
+      EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+    }
+    return m;
+  }
+
   // The checkpoint tensor of v [R, C]: bf16, or fp8 codes with scales sc.
   DevBuf upload(std::vector<float>& v, int64_t R, int64_t C, std::vector<uint16_t>& sc, qt::Rng& rng) const {
     if (!fp8) return DevBuf::from(bf(v));
@@ -187,10 +295,37 @@ struct Model {
     for (int64_t t = 0; t < M; ++t) h[(size_t)(t * g.H)] = 1.0f;
     return bf(h);
   }
+  // Table routing: token t has id t % 16, whose row lists K live experts.
+  std::vector<int64_t> token_ids(int64_t M) const {
+    std::vector<int64_t> ids((size_t)M);
+    for (int64_t t = 0; t < M; ++t) ids[(size_t)t] = t % 16;
+    return ids;
+  }
+  std::vector<int32_t> table() const {
+    std::vector<int32_t> tab;
+    for (int64_t r = 0; r < 16; ++r)
+      for (int64_t k = 0; k < g.K; ++k) tab.push_back((int32_t)((r + 3 * k) % 12));
+    return tab;
+  }
   std::vector<uint16_t> run(const std::vector<uint16_t>& x, int64_t M) {
     DevBuf d_x = DevBuf::from(x), ws(quillon_moe_workspace_bytes(M)), out(M * g.H * 2);
+    DevBuf d_tok = DevBuf::from(token_ids(M)), d_tab = DevBuf::from(table());
+    auto P = [&](int i) -> void* { return lb.gu >= 0 && planes[(size_t)i]->p ? planes[(size_t)i]->p : nullptr; };
+    void* sgm = kq.sgu ? sgu_m.p : nullptr;
+    void* sdm = kq.sgu ? sdn_m.p : nullptr;
+    const int fsg = kq.sgu ? kq.sgu : 7, fsd = kq.sdn ? kq.sdn : -1;
     // Shared ids past the format list: read only next to their metadata.
-    EXPECT_EQ(kq.gu ? quillon_fused_moe_kquant_split(kq.gu, kq.dn, kq.sgu ? kq.sgu : 7, kq.sdn ? kq.sdn : -1, d_x.get(),
+    EXPECT_EQ(lb.table ? quillon_moe_experts_lowbit_split_tid2eid(
+                             lb.gu, lb.dn, fsg, fsd, d_x.get(), blob.get(), d_tok.as<int64_t>(), d_tab.as<int32_t>(),
+                             P(0), P(1), P(2), P(3), P(4), P(5), sgu.p, sgm, sdn.p, sdm, out.get(), ws.get(), M, nullptr)
+          : lb.gu >= 0 && lb.dn >= 0
+              ? quillon_fused_moe_lowbit_split(lb.gu, lb.dn, fsg, fsd, d_x.get(), blob.get(), P(0), P(1), P(2), P(3),
+                                               P(4), P(5), sgu.p, sgm, sdn.p, sdm, out.get(), ws.get(), M, nullptr)
+          : lb.gu >= 0
+              ? quillon_fused_moe_lowbit_kquant_down_split(lb.gu, kq.dn, fsg, fsd, d_x.get(), blob.get(), P(0), P(1),
+                                                           P(2), dn.p, dn_sc.p, sgu.p, sgm, sdn.p, sdm, out.get(),
+                                                           ws.get(), M, nullptr)
+          : kq.gu ? quillon_fused_moe_kquant_split(kq.gu, kq.dn, kq.sgu ? kq.sgu : 7, kq.sdn ? kq.sdn : -1, d_x.get(),
                                                      blob.get(), gu.p, gu_sc.p, dn.p, dn_sc.p, sgu.p,
                                                      kq.sgu ? sgu_m.p : nullptr, sdn.p, kq.sgu ? sdn_m.p : nullptr,
                                                      out.get(), ws.get(), M, nullptr)
@@ -202,8 +337,29 @@ struct Model {
     EXPECT_TRUE(ws.guards_intact() && out.guards_intact());
     return out.download<uint16_t>();
   }
+  // The table router's own table (its reference is the router test's): run
+  // unshuffled, tokens 0, every, ...
+  ref::Routed table_routing(const std::vector<uint16_t>& x, int64_t M, int64_t every) {
+    const int64_t S = g.K + 1, m = (M + every - 1) / every;
+    std::vector<uint16_t> xs;
+    std::vector<int64_t> ids = token_ids(M), sub;
+    for (int64_t t = 0; t < M; t += every) {
+      xs.insert(xs.end(), x.begin() + t * g.H, x.begin() + (t + 1) * g.H);
+      sub.push_back(ids[(size_t)t]);
+    }
+    DevBuf d_x = DevBuf::from(xs), d_tok = DevBuf::from(sub), d_tab = DevBuf::from(table()), w(m * S * 4),
+           id(m * S * 4);
+    quillon_moe_dispatch_force(16, 0);
+    EXPECT_EQ(quillon_moe_router_tid2eid(d_x.get(), blob.get(), d_tok.as<int64_t>(), d_tab.as<int32_t>(),
+                                         w.as<float>(), id.as<int32_t>(), nullptr, m, nullptr),
+              hipSuccess);
+    EXPECT_EQ(hipDeviceSynchronize(), hipSuccess);
+    quillon_moe_dispatch_force(0, 0);
+    return {id.download<int32_t>(), w.download<float>()};
+  }
   // Tokens 0, every, 2 * every, ... against the reference.
-  void expect_near(const std::vector<uint16_t>& x, const std::vector<uint16_t>& got, int64_t M, int64_t every = 1) {
+  void expect_near(const std::vector<uint16_t>& x, const std::vector<std::vector<uint16_t>>& outs, int64_t M,
+                   int64_t every = 1) {
     const int64_t S = g.K + 1, m = (M + every - 1) / every;
     std::vector<float> logits((size_t)(m * g.E)), gates, xf;
     for (int64_t t = 0; t < m; ++t) {
@@ -213,14 +369,17 @@ struct Model {
         logits[(size_t)(t * g.E + e)] = ref::dot_row(row, &router_rows[(size_t)(e * g.H)], g.H);
       if (g.gate) gates.push_back(ref::sigmoid(ref::dot_row(row, gate_row.data(), g.H)));
     }
-    const ref::Routed r = ref::topk(logits, std::vector<float>((size_t)g.E), m, g.E, g.K, g.scoring, g.scale, gates);
+    ref::Routed r = ref::topk(logits, std::vector<float>((size_t)g.E), m, g.E, g.K, g.scoring, g.scale, gates);
+    if (lb.table) r = table_routing(x, M, every);
     const ref::MoeOut want = ref::fused_moe(xf, r.ids, r.w, mats, m, S, g.H, g.I, g.limit);
-    int64_t bad = 0;
-    for (int64_t i = 0; i < m * g.H; ++i) {
-      const float v = qt::bf(got[(size_t)((i / g.H) * every * g.H + i % g.H)]);
-      if (!(std::fabs((double)v - qt::bf(want.out[(size_t)i])) <= want.tol[(size_t)i]) && bad++ < 5)
-        ADD_FAILURE() << "token " << i / g.H * every << " column " << i % g.H << ": got " << v << ", want "
-                      << qt::bf(want.out[(size_t)i]) << " within " << want.tol[(size_t)i];
+    for (size_t o = 0; o < outs.size(); ++o) {
+      int64_t bad = 0;
+      for (int64_t i = 0; i < m * g.H; ++i) {
+        const float v = qt::bf(outs[o][(size_t)((i / g.H) * every * g.H + i % g.H)]);
+        if (!(std::fabs((double)v - qt::bf(want.out[(size_t)i])) <= want.tol[(size_t)i]) && bad++ < 5)
+          ADD_FAILURE() << "output " << o << ", token " << i / g.H * every << " column " << i % g.H << ": got " << v
+                        << ", want " << qt::bf(want.out[(size_t)i]) << " within " << want.tol[(size_t)i];
+      }
     }
   }
 };
@@ -231,6 +390,8 @@ class MoeFused : public ::testing::Test {
     quillon_moe_variant_force(3);
     quillon_moe_fp8_narrow_force_max_m(4);
     quillon_moe_kquant_narrow_force_max_m(4);
+    quillon_moe_lowbit_narrow_force_max_m(4);
+    quillon_moe_lowbit_force_split(0);
   }
 };
 
@@ -260,7 +421,7 @@ TEST_F(MoeFused, EveryPathMatchesTheReference) {
                    ", live " + std::to_string(c.live));
       const std::vector<uint16_t> x = m.hidden(M);
       const std::vector<uint16_t> base = m.run(x, M);
-      m.expect_near(x, base, M);
+      m.expect_near(x, {base}, M);
       for (int v = g.id == 0 ? 1 : 3; v < 3; ++v) {
         SCOPED_TRACE("variant " + std::to_string(v));
         quillon_moe_variant_force(v);
@@ -281,7 +442,8 @@ TEST_F(MoeFused, EveryPathMatchesTheReference) {
 // Q8_0 pair takes the dual launch at M 1 and 3, and the same bits come from
 // the two passes with the narrow kernels off. Variants 1 and 2 run the LDS
 // tiles, shared rows from the router's shuffled hidden. Geometry 3's down
-// (K 640) in Q8_0, dual and beside a Q5_K shared gate-up.
+// (K 640) in Q8_0, dual and beside a Q5_K shared gate-up. Geometry 2's
+// dual launch goes unclamped.
 TEST_F(MoeFused, KQuantSplitMatchesTheReference) {
   struct Case {
     const FGeo& g;
@@ -289,22 +451,35 @@ TEST_F(MoeFused, KQuantSplitMatchesTheReference) {
     std::vector<int64_t> Ms;
   };
   const Case cases[] = {{kG0, {4, 5, 0, 0}, {1, 3, 33}}, {kG0, {5, 4, 4, 5}, {1, 33}},
-                        {kG0, {8, 4, 8, 8}, {1, 3, 33}}, {kG3, {4, 8, 8, 8}, {3}}, {kG3, {8, 8, 5, 8}, {3}}};
+                        {kG0, {8, 4, 8, 8}, {1, 3, 33}}, {kG2, {4, 8, 8, 8}, {2}},
+                        {kG3, {4, 8, 8, 8}, {3}},        {kG3, {8, 8, 5, 8}, {3}}};
   for (const Case& c : cases) {
     if (!quillon::geometry_built(c.g.id)) continue;
     ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
-    Model m(c.g, false, 12, 64, c.kq);
+    FGeo g = c.g;
+    Model m(g, false, 12, g.id == 2 ? 8 : 64, c.kq);
     for (int64_t M : c.Ms) {
       SCOPED_TRACE("geometry " + std::to_string(c.g.id) + " formats " + std::to_string(c.kq.gu) + "/" +
                    std::to_string(c.kq.dn) + "/" + std::to_string(c.kq.sgu) + "/" + std::to_string(c.kq.sdn) +
                    " M " + std::to_string(M));
+      // Geometry 2's dual launch carries no clamp; its two passes do, and
+      // the up rows are dense enough that the outputs differ.
+      const bool dual_unclamped = g.id == 2 && c.kq.sgu == 8 && M <= 4;
       const std::vector<uint16_t> x = m.hidden(M);
       const std::vector<uint16_t> base = m.run(x, M);
-      m.expect_near(x, base, M);
+      if (dual_unclamped) g.limit = 0.0;
+      m.expect_near(x, {base}, M);
+      g.limit = c.g.limit;
       if (M <= 4) {
         quillon_moe_kquant_narrow_force_max_m(0);
-        EXPECT_BITS_EQ(m.run(x, M), base);
+        const std::vector<uint16_t> two = m.run(x, M);
         quillon_moe_kquant_narrow_force_max_m(4);
+        if (!dual_unclamped) {
+          EXPECT_BITS_EQ(two, base);
+        } else {
+          m.expect_near(x, {two}, M);
+          EXPECT_NE(two, base);
+        }
       } else {
         for (int v = 1; v < 3; ++v) {
           quillon_moe_variant_force(v);
@@ -317,13 +492,63 @@ TEST_F(MoeFused, KQuantSplitMatchesTheReference) {
   }
 }
 
+// Low-bit experts. Each M runs the table's variant and, up to M 4, the
+// narrow kernels off, else variants 1 and 2 and variant 2 split by force,
+// all against the reference (the down sums are not exact, so forms agree
+// within its bound). With a Q5_K shared expert variant 2 merges routed and
+// shared tiles: 256 columns for IQ2_XXS and IQ3_XXS, 128 for IQ2_S, with the
+// gate-up clamp at geometry 2. MXFP4 and a bf16 shared expert never merge.
+// Geometry 3's down (K 640) is MXFP4.
+TEST_F(MoeFused, LowBitSplitMatchesTheReference) {
+  struct Case {
+    const FGeo& g;
+    LbForm lb;
+    KqForm kq;
+    std::vector<int64_t> Ms;
+  };
+  const Case cases[] = {{kG0, {0, 1}, {}, {1, 3, 33}},
+                        {kG0, {1, 3}, {0, 0, 5, 5}, {2, 33}},
+                        {kG0, {2, 2}, {0, 0, 8, 8}, {1, 33}},
+                        {kG0, {3, -1}, {0, 4, 0, 0}, {2, 33}},
+                        {kG0, {3, 0, true}, {0, 0, 5, 5}, {3, 33}},
+                        {kG2, {0, 0}, {0, 0, 5, 5}, {5}},
+                        {kG3, {0, 2}, {0, 0, 5, 8}, {3}}};
+  for (const Case& c : cases) {
+    if (!quillon::geometry_built(c.g.id)) continue;
+    ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
+    Model m(c.g, false, 12, 16, c.kq, c.lb);
+    for (int64_t M : c.Ms) {
+      SCOPED_TRACE("geometry " + std::to_string(c.g.id) + " formats " + std::to_string(c.lb.gu) + "/" +
+                   std::to_string(c.lb.dn) + (c.lb.table ? " table" : "") + " k-quant " + std::to_string(c.kq.dn) +
+                   "/" + std::to_string(c.kq.sgu) + "/" + std::to_string(c.kq.sdn) + " M " + std::to_string(M));
+      const std::vector<uint16_t> x = m.hidden(M);
+      std::vector<std::vector<uint16_t>> outs{m.run(x, M)};
+      if (M <= 4) {
+        quillon_moe_lowbit_narrow_force_max_m(0);
+        outs.push_back(m.run(x, M));
+        quillon_moe_lowbit_narrow_force_max_m(4);
+      } else {
+        for (int v = 1; v < 3; ++v) {
+          quillon_moe_variant_force(v);
+          outs.push_back(m.run(x, M));
+        }
+        quillon_moe_lowbit_force_split(1);
+        outs.push_back(m.run(x, M));
+        quillon_moe_lowbit_force_split(0);
+        quillon_moe_variant_force(3);
+      }
+      m.expect_near(x, outs, M);
+    }
+  }
+}
+
 // The table's first shuffled size, routed k-quant with a k-quant shared
 // expert: pass 2 reads the router's shuffled rows.
 TEST_F(MoeFused, KQuantSplitPrefillSizeMatchesSampledReference) {
   QT_SELECT_GEOMETRY(0);
   Model m(kG0, false, 12, 64, {4, 8, 5, 8});
   const std::vector<uint16_t> x = m.hidden(769);
-  m.expect_near(x, m.run(x, 769), 769, 48);
+  m.expect_near(x, {m.run(x, 769)}, 769, 48);
 }
 
 // A prefill size on the table (T = 64, gathered and shuffled), sampled tokens.
@@ -331,7 +556,7 @@ TEST_F(MoeFused, PrefillSizeMatchesSampledReference) {
   QT_SELECT_GEOMETRY(0);
   Model m(kG0, false, 12);
   const std::vector<uint16_t> x = m.hidden(769);
-  m.expect_near(x, m.run(x, 769), 769, 48);
+  m.expect_near(x, {m.run(x, 769)}, 769, 48);
 }
 
 TEST(MoePolicy, VariantTableAndWorkspace) {
@@ -396,6 +621,32 @@ TEST(MoePolicy, Messages) {
     EXPECT_QUILLON_FATAL(kq(5, 5, 8, 8, nullptr, nullptr), want);
     std::snprintf(want, sizeof want, ragged, 4);
     EXPECT_QUILLON_FATAL(kq(4, 20, 8, 4, &meta, &meta), want);
+  }
+  // Low-bit: expert formats, a k-quant down's id, the metadata pair. Geometry
+  // 3's i-quant down has no planes: K 640 is not whole super-blocks.
+  auto lb = [](int32_t a, int32_t b, const void* cm, const void* dm) {
+    (void)quillon_fused_moe_lowbit_split(a, b, 5, 5, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                         nullptr, nullptr, cm, nullptr, dm, nullptr, nullptr, 1, nullptr);
+  };
+  auto lbk = [](int32_t a, int32_t b, const void* cm, const void* dm) {
+    (void)quillon_fused_moe_lowbit_kquant_down_split(a, b, 5, 5, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                                     nullptr, nullptr, cm, nullptr, dm, nullptr, nullptr, 1, nullptr);
+  };
+  const std::string fmt = "expert quant format must be 0 (IQ2_XXS), 1 (IQ3_XXS), 2 (MXFP4) or 3 (IQ2_S), got ";
+  EXPECT_QUILLON_FATAL(lb(4, 0, &meta, &meta), fmt + "4");
+  EXPECT_QUILLON_FATAL(lb(0, -1, &meta, &meta), fmt + "-1");
+  EXPECT_QUILLON_FATAL(lbk(0, 7, &meta, &meta), "7 is not a k-quant format id (see kquant_sets's FORMATS list)");
+  EXPECT_QUILLON_FATAL(lbk(0, 4, &meta, nullptr), pair);
+  EXPECT_QUILLON_FATAL((void)quillon_moe_experts_lowbit_split_tid2eid(
+                           1, 2, 5, 5, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                           nullptr, nullptr, nullptr, nullptr, &meta, nullptr, nullptr, 1, nullptr),
+                       pair);
+  if (quillon::geometry_built(3)) {
+    ASSERT_EQ(quillon_select_geometry(3), 0);
+    EXPECT_QUILLON_FATAL(lb(2, 1, nullptr, nullptr),
+                         "an i-quant shuffle needs K=640 to divide into 256-weight super-blocks");
+    EXPECT_QUILLON_FATAL(lbk(1, 5, nullptr, nullptr),
+                         "k-quant format 5 is not in this build's ragged-K set (kquant_sets)");
   }
   ASSERT_EQ(quillon_select_geometry(1), 0);
   EXPECT_QUILLON_FATAL(quillon_moe_workspace_bytes(1),
