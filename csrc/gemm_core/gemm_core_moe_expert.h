@@ -80,15 +80,7 @@ struct MoeWFp8 {
     }
     QDEV dev::u32x4 load8(int64_t n, int64_t k) const {
       const int64_t off = ((n / 128) * (K / 64) + k / 64) * 8192 + (n % 128) * 64 + k % 64;
-      const dev::u32x4 w = fp8x8_to_bf16x8(*reinterpret_cast<const dev::u32x2*>(p + off));
-      const float s = scale(n, k);
-      dev::u32x4 out;
-      for (int i = 0; i < 4; ++i) {
-        const uint32_t lo = num::bf16_rne(num::bf16_to_float((uint16_t)w[i]) * s);
-        const uint32_t hi = num::bf16_rne(num::bf16_to_float((uint16_t)(w[i] >> 16)) * s);
-        out[i] = lo | (hi << 16);
-      }
-      return out;
+      return fp8x8_scaled_bf16x8(*reinterpret_cast<const dev::u32x2*>(p + off), scale(n, k));
     }
   };
 };

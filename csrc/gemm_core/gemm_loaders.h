@@ -137,15 +137,7 @@ struct BFp8Blk32Lds {
     return r;
   }
   QDEV dev::u32x4 chunk(const Raw& r) const {
-    const dev::u32x4 w = fp8x8_to_bf16x8(r.bytes);
-    const float s = num::bf16_to_float((uint16_t)r.scale);
-    dev::u32x4 out;
-    for (int i = 0; i < 4; ++i) {
-      const uint32_t lo = num::bf16_rne(num::bf16_to_float((uint16_t)w[i]) * s);
-      const uint32_t hi = num::bf16_rne(num::bf16_to_float((uint16_t)(w[i] >> 16)) * s);
-      out[i] = lo | (hi << 16);
-    }
-    return out;
+    return fp8x8_scaled_bf16x8(r.bytes, num::bf16_to_float((uint16_t)r.scale));
   }
 };
 

@@ -408,6 +408,17 @@ QDEV dev::u32x4 fp8x8_to_bf16x8(dev::u32x2 b) {
   }
   return out;
 }
+// The same with a block scale folded in: fp32 product, round to nearest even.
+QDEV dev::u32x4 fp8x8_scaled_bf16x8(dev::u32x2 b, float s) {
+  const dev::u32x4 w = fp8x8_to_bf16x8(b);
+  dev::u32x4 out;
+  for (int i = 0; i < 4; ++i) {
+    const uint32_t lo = num::bf16_rne(num::bf16_to_float((uint16_t)w[i]) * s);
+    const uint32_t hi = num::bf16_rne(num::bf16_to_float((uint16_t)(w[i] >> 16)) * s);
+    out[i] = lo | (hi << 16);
+  }
+  return out;
+}
 // The block-scale table after its shuffle: entry (kb, nb) at kb * (N / 128) + nb.
 QHD int64_t fp8_scale_index(int64_t N, int64_t n, int64_t k) { return (k / 128) * (N / 128) + n / 128; }
 
