@@ -337,6 +337,29 @@ struct Model {
     EXPECT_TRUE(ws.guards_intact() && out.guards_intact());
     return out.download<uint16_t>();
   }
+  // The table's variant, then the narrow kernels off (M up to 4) or variants
+  // 1 and 2 (low-bit: and variant 2 split by force).
+  std::vector<std::vector<uint16_t>> forms(const std::vector<uint16_t>& x, int64_t M) {
+    std::vector<std::vector<uint16_t>> outs{run(x, M)};
+    auto narrow = lb.gu >= 0 ? quillon_moe_lowbit_narrow_force_max_m : quillon_moe_kquant_narrow_force_max_m;
+    if (M <= 4) {
+      narrow(0);
+      outs.push_back(run(x, M));
+      narrow(4);
+      return outs;
+    }
+    for (int v = 1; v < 3; ++v) {
+      quillon_moe_variant_force(v);
+      outs.push_back(run(x, M));
+    }
+    if (lb.gu >= 0) {
+      quillon_moe_lowbit_force_split(1);
+      outs.push_back(run(x, M));
+      quillon_moe_lowbit_force_split(0);
+    }
+    quillon_moe_variant_force(3);
+    return outs;
+  }
   // The table router's own table (its reference is the router test's): run
   // unshuffled, tokens 0, every, ...
   ref::Routed table_routing(const std::vector<uint16_t>& x, int64_t M, int64_t every) {
@@ -437,126 +460,72 @@ TEST_F(MoeFused, EveryPathMatchesTheReference) {
   }
 }
 
-// k-quant experts: two passes with a bf16 shared expert (Q4_K / Q5_K routed)
-// and with a k-quant one (Q5_K shared down: its 32-column decode tiles); the
-// Q8_0 pair takes the dual launch at M 1 and 3, and the same bits come from
-// the two passes with the narrow kernels off. Variants 1 and 2 run the LDS
-// tiles, shared rows from the router's shuffled hidden. Geometry 3's down
-// (K 640) in Q8_0, dual and beside a Q5_K shared gate-up. Geometry 2's
-// dual launch goes unclamped.
-TEST_F(MoeFused, KQuantSplitMatchesTheReference) {
+// Split entries. Each M runs the table's variant, then the narrow kernels off
+// (M up to 4) or variants 1 and 2 (low-bit: and variant 2 split by force).
+// k-quant: two passes with a bf16 shared expert and with a k-quant one (Q5_K
+// shared down: its 32-column decode tiles); the Q8_0 pair takes the dual
+// launch at M 1 to 3; every form gives the same bits (integer codes), and
+// geometry 2's dual launch goes unclamped. Geometry 3's down (K 640) in Q8_0,
+// dual and beside a Q5_K shared gate-up. Low-bit: forms agree within the
+// reference's bound (down sums are not exact). With a Q5_K shared expert
+// variant 2 merges routed and shared tiles: 256 columns for IQ2_XXS and
+// IQ3_XXS, 128 for IQ2_S, with the gate-up clamp at geometry 2; MXFP4 and a
+// bf16 shared expert never merge. Geometry 3's low-bit down is MXFP4.
+TEST_F(MoeFused, SplitEntriesMatchTheReference) {
   struct Case {
     const FGeo& g;
     KqForm kq;
+    LbForm lb;
     std::vector<int64_t> Ms;
   };
-  const Case cases[] = {{kG0, {4, 5, 0, 0}, {1, 3, 33}}, {kG0, {5, 4, 4, 5}, {1, 33}},
-                        {kG0, {8, 4, 8, 8}, {1, 3, 33}}, {kG2, {4, 8, 8, 8}, {2}},
-                        {kG3, {4, 8, 8, 8}, {3}},        {kG3, {8, 8, 5, 8}, {3}}};
+  const Case cases[] = {{kG0, {4, 5, 0, 0}, {}, {1, 3, 33}},     {kG0, {5, 4, 4, 5}, {}, {1, 33}},
+                        {kG0, {8, 4, 8, 8}, {}, {1, 3, 33}},     {kG2, {4, 8, 8, 8}, {}, {2}},
+                        {kG3, {4, 8, 8, 8}, {}, {3}},            {kG3, {8, 8, 5, 8}, {}, {3}},
+                        {kG0, {}, {0, 1}, {1, 3, 33}},           {kG0, {0, 0, 5, 5}, {1, 3}, {2, 33}},
+                        {kG0, {0, 0, 8, 8}, {2, 2}, {1, 33}},    {kG0, {0, 4, 0, 0}, {3, -1}, {2, 33}},
+                        {kG0, {0, 0, 5, 5}, {3, 0, true}, {3, 33}}, {kG2, {0, 0, 5, 5}, {0, 0}, {5}},
+                        {kG3, {0, 0, 5, 8}, {0, 2}, {3}}};
   for (const Case& c : cases) {
     if (!quillon::geometry_built(c.g.id)) continue;
     ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
     FGeo g = c.g;
-    Model m(g, false, 12, g.id == 2 ? 8 : 64, c.kq);
+    const bool lowbit = c.lb.gu >= 0;
+    Model m(g, false, 12, lowbit ? 16 : g.id == 2 ? 8 : 64, c.kq, c.lb);
     for (int64_t M : c.Ms) {
-      SCOPED_TRACE("geometry " + std::to_string(c.g.id) + " formats " + std::to_string(c.kq.gu) + "/" +
+      SCOPED_TRACE("geometry " + std::to_string(g.id) + " k-quant " + std::to_string(c.kq.gu) + "/" +
                    std::to_string(c.kq.dn) + "/" + std::to_string(c.kq.sgu) + "/" + std::to_string(c.kq.sdn) +
-                   " M " + std::to_string(M));
-      // Geometry 2's dual launch carries no clamp; its two passes do, and
-      // the up rows are dense enough that the outputs differ.
-      const bool dual_unclamped = g.id == 2 && c.kq.sgu == 8 && M <= 4;
+                   " low-bit " + std::to_string(c.lb.gu) + "/" + std::to_string(c.lb.dn) +
+                   (c.lb.table ? " table" : "") + " M " + std::to_string(M));
       const std::vector<uint16_t> x = m.hidden(M);
-      const std::vector<uint16_t> base = m.run(x, M);
-      if (dual_unclamped) g.limit = 0.0;
-      m.expect_near(x, {base}, M);
-      g.limit = c.g.limit;
-      if (M <= 4) {
-        quillon_moe_kquant_narrow_force_max_m(0);
-        const std::vector<uint16_t> two = m.run(x, M);
-        quillon_moe_kquant_narrow_force_max_m(4);
-        if (!dual_unclamped) {
-          EXPECT_BITS_EQ(two, base);
-        } else {
-          m.expect_near(x, {two}, M);
-          EXPECT_NE(two, base);
-        }
+      const std::vector<std::vector<uint16_t>> outs = m.forms(x, M);
+      if (lowbit) {
+        m.expect_near(x, outs, M);
+      } else if (g.id == 2 && c.kq.sgu == 8 && M <= 4) {
+        // The dual launch carries no clamp; the two passes do, and the up
+        // rows are dense enough that the outputs differ.
+        g.limit = 0.0;
+        m.expect_near(x, {outs[0]}, M);
+        g.limit = c.g.limit;
+        m.expect_near(x, {outs[1]}, M);
+        EXPECT_NE(outs[1], outs[0]);
       } else {
-        for (int v = 1; v < 3; ++v) {
-          quillon_moe_variant_force(v);
-          SCOPED_TRACE("variant " + std::to_string(v));
-          EXPECT_BITS_EQ(m.run(x, M), base);
-        }
-        quillon_moe_variant_force(3);
+        m.expect_near(x, {outs[0]}, M);
+        for (size_t i = 1; i < outs.size(); ++i) EXPECT_BITS_EQ(outs[i], outs[0]) << "form " << i;
       }
     }
   }
 }
 
-// Low-bit experts. Each M runs the table's variant and, up to M 4, the
-// narrow kernels off, else variants 1 and 2 and variant 2 split by force,
-// all against the reference (the down sums are not exact, so forms agree
-// within its bound). With a Q5_K shared expert variant 2 merges routed and
-// shared tiles: 256 columns for IQ2_XXS and IQ3_XXS, 128 for IQ2_S, with the
-// gate-up clamp at geometry 2. MXFP4 and a bf16 shared expert never merge.
-// Geometry 3's down (K 640) is MXFP4.
-TEST_F(MoeFused, LowBitSplitMatchesTheReference) {
-  struct Case {
-    const FGeo& g;
-    LbForm lb;
-    KqForm kq;
-    std::vector<int64_t> Ms;
-  };
-  const Case cases[] = {{kG0, {0, 1}, {}, {1, 3, 33}},
-                        {kG0, {1, 3}, {0, 0, 5, 5}, {2, 33}},
-                        {kG0, {2, 2}, {0, 0, 8, 8}, {1, 33}},
-                        {kG0, {3, -1}, {0, 4, 0, 0}, {2, 33}},
-                        {kG0, {3, 0, true}, {0, 0, 5, 5}, {3, 33}},
-                        {kG2, {0, 0}, {0, 0, 5, 5}, {5}},
-                        {kG3, {0, 2}, {0, 0, 5, 8}, {3}}};
-  for (const Case& c : cases) {
-    if (!quillon::geometry_built(c.g.id)) continue;
-    ASSERT_EQ(quillon_select_geometry(c.g.id), 0);
-    Model m(c.g, false, 12, 16, c.kq, c.lb);
-    for (int64_t M : c.Ms) {
-      SCOPED_TRACE("geometry " + std::to_string(c.g.id) + " formats " + std::to_string(c.lb.gu) + "/" +
-                   std::to_string(c.lb.dn) + (c.lb.table ? " table" : "") + " k-quant " + std::to_string(c.kq.dn) +
-                   "/" + std::to_string(c.kq.sgu) + "/" + std::to_string(c.kq.sdn) + " M " + std::to_string(M));
-      const std::vector<uint16_t> x = m.hidden(M);
-      std::vector<std::vector<uint16_t>> outs{m.run(x, M)};
-      if (M <= 4) {
-        quillon_moe_lowbit_narrow_force_max_m(0);
-        outs.push_back(m.run(x, M));
-        quillon_moe_lowbit_narrow_force_max_m(4);
-      } else {
-        for (int v = 1; v < 3; ++v) {
-          quillon_moe_variant_force(v);
-          outs.push_back(m.run(x, M));
-        }
-        quillon_moe_lowbit_force_split(1);
-        outs.push_back(m.run(x, M));
-        quillon_moe_lowbit_force_split(0);
-        quillon_moe_variant_force(3);
-      }
-      m.expect_near(x, outs, M);
-    }
-  }
-}
-
-// The table's first shuffled size, routed k-quant with a k-quant shared
-// expert: pass 2 reads the router's shuffled rows.
-TEST_F(MoeFused, KQuantSplitPrefillSizeMatchesSampledReference) {
-  QT_SELECT_GEOMETRY(0);
-  Model m(kG0, false, 12, 64, {4, 8, 5, 8});
-  const std::vector<uint16_t> x = m.hidden(769);
-  m.expect_near(x, {m.run(x, 769)}, 769, 48);
-}
-
-// A prefill size on the table (T = 64, gathered and shuffled), sampled tokens.
+// A prefill size on the table (T = 64, gathered and shuffled), sampled
+// tokens: bf16, and routed k-quant beside a k-quant shared expert whose pass
+// reads the router's shuffled rows.
 TEST_F(MoeFused, PrefillSizeMatchesSampledReference) {
   QT_SELECT_GEOMETRY(0);
-  Model m(kG0, false, 12);
-  const std::vector<uint16_t> x = m.hidden(769);
-  m.expect_near(x, {m.run(x, 769)}, 769, 48);
+  for (const KqForm& kq : {KqForm{}, KqForm{4, 8, 5, 8}}) {
+    Model m(kG0, false, 12, 64, kq);
+    const std::vector<uint16_t> x = m.hidden(769);
+    m.expect_near(x, {m.run(x, 769)}, 769, 48);
+  }
 }
 
 TEST(MoePolicy, VariantTableAndWorkspace) {
