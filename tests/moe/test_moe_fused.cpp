@@ -510,7 +510,10 @@ TEST_F(MoeFused, SplitEntriesMatchTheReference) {
         EXPECT_NE(outs[1], outs[0]);
       } else {
         m.expect_near(x, {outs[0]}, M);
-        for (size_t i = 1; i < outs.size(); ++i) EXPECT_BITS_EQ(outs[i], outs[0]) << "form " << i;
+        for (size_t i = 1; i < outs.size(); ++i) {
+          SCOPED_TRACE("form " + std::to_string(i));
+          EXPECT_BITS_EQ(outs[i], outs[0]);
+        }
       }
     }
   }
